@@ -1,0 +1,36 @@
+# Install rules: headers, the shared library, an exported CMake package with a version file,
+# and a pkg-config file.
+include(CMakePackageConfigHelpers)
+
+set(CONNECTOR_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/ConnectorCommonServices)
+
+install(TARGETS connector_framework connector_common_services
+  EXPORT ConnectorCommonServicesTargets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+
+foreach(dir framework foundation services commands)
+  install(DIRECTORY ${PROJECT_SOURCE_DIR}/${dir}/
+    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/connector/${dir}
+    FILES_MATCHING PATTERN "*.h")
+endforeach()
+
+install(EXPORT ConnectorCommonServicesTargets
+  NAMESPACE connector::
+  DESTINATION ${CONNECTOR_CMAKE_DIR})
+
+configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/ConnectorCommonServicesConfig.cmake.in
+  ${PROJECT_BINARY_DIR}/ConnectorCommonServicesConfig.cmake
+  INSTALL_DESTINATION ${CONNECTOR_CMAKE_DIR})
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/ConnectorCommonServicesConfigVersion.cmake
+  COMPATIBILITY SameMajorVersion)
+install(FILES
+  ${PROJECT_BINARY_DIR}/ConnectorCommonServicesConfig.cmake
+  ${PROJECT_BINARY_DIR}/ConnectorCommonServicesConfigVersion.cmake
+  DESTINATION ${CONNECTOR_CMAKE_DIR})
+
+configure_file(${PROJECT_SOURCE_DIR}/cmake/connector-common-services.pc.in
+  ${PROJECT_BINARY_DIR}/connector-common-services.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/connector-common-services.pc
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

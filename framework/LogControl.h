@@ -1,0 +1,33 @@
+// Control of the process log (foundation/log): where it writes and at which levels.
+//
+// A destination is one of "stderr" (the initial one), "stdout", "null" or "file:PATH"
+// (appending). A specification is a default level followed by per-channel overrides, e.g.
+// "info" or "warn,connector.*=debug", with the levels trace, debug, info, warn, error,
+// critical and off; the initial one is "info". A setter that refuses its input throws (see each
+// function) and leaves the previous setting in force. All four are safe from any thread,
+// concurrently with each other and with threads that log.
+#pragma once
+
+#include <string>
+
+#include "framework/Export.h"
+
+namespace connector {
+namespace common {
+
+// The destination in force, as it was set.
+CONNECTOR_EXPORT std::string getLogDestination();
+
+// Moves every channel to `destination`. Throws std::invalid_argument for an unknown form or a
+// file outside the confinement directory, std::runtime_error when the file cannot be opened.
+CONNECTOR_EXPORT void setLogDestination(const std::string& destination);
+
+// The specification in force, as it was set.
+CONNECTOR_EXPORT std::string getLogSpecification();
+
+// Applies `specification` to existing and future channels. Throws std::invalid_argument for an
+// unknown level or a malformed text.
+CONNECTOR_EXPORT void setLogSpecification(const std::string& specification);
+
+}  // namespace common
+}  // namespace connector
