@@ -1,0 +1,3 @@
+// Placeholder: benchmark not yet written.
+#include <benchmark/benchmark.h>
+BENCHMARK_MAIN();

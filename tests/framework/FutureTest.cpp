@@ -1,0 +1,1 @@
+// Placeholder: tests not yet written.

@@ -1,0 +1,36 @@
+// A test message that counts its live instances, so a test can prove that every message is
+// deleted exactly once: the count returns to its starting value, and a double delete trips
+// the sanitizers or drives the count below it.
+#pragma once
+
+#include <atomic>
+#include <string>
+#include <utility>
+
+#include "framework/ServiceProvider.h"
+
+namespace connector {
+namespace testing {
+
+class CountedMessage : public Message {
+ public:
+  explicit CountedMessage(std::string text = {}) : text_(std::move(text)) { live().fetch_add(1); }
+  CountedMessage(const CountedMessage& other) : Message(other), text_(other.text_) { live().fetch_add(1); }
+  CountedMessage& operator=(const CountedMessage&) = default;
+  ~CountedMessage() override { live().fetch_sub(1); }
+
+  const std::string& text() const { return text_; }
+
+  // Instances alive right now, across all threads.
+  static long alive() { return live().load(); }
+
+ private:
+  static std::atomic<long>& live() {
+    static std::atomic<long> count{0};
+    return count;
+  }
+  std::string text_;
+};
+
+}  // namespace testing
+}  // namespace connector
