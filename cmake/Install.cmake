@@ -30,6 +30,9 @@ install(FILES
   ${PROJECT_BINARY_DIR}/ConnectorCommonServicesConfigVersion.cmake
   DESTINATION ${CONNECTOR_CMAKE_DIR})
 
+# Relocatable: the prefix is found from where the .pc file lies, not from where it was built.
+file(RELATIVE_PATH CONNECTOR_PC_TO_PREFIX
+  /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
 configure_file(${PROJECT_SOURCE_DIR}/cmake/connector-common-services.pc.in
   ${PROJECT_BINARY_DIR}/connector-common-services.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/connector-common-services.pc

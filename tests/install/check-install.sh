@@ -16,5 +16,5 @@ libdir=$(dirname "$(find "$work/prefix" -name connector-common-services.pc)")
 export PKG_CONFIG_PATH="$libdir"
 # shellcheck disable=SC2046
 c++ "$source_dir/examples/consumer/main.cpp" $(pkg-config --cflags --libs connector-common-services) \
-  -Wl,-rpath,"$libdir/.." -o "$work/consumer-pc"
+  -Wl,-rpath,"$(dirname "$libdir")" -o "$work/consumer-pc"
 "$work/consumer-pc"
