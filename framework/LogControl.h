@@ -18,8 +18,9 @@ namespace common {
 // The destination in force, as it was set.
 CONNECTOR_EXPORT std::string getLogDestination();
 
-// Moves every channel to `destination`. Throws std::invalid_argument for an unknown form or a
-// file outside the confinement directory, std::runtime_error when the file cannot be opened.
+// Moves every channel to `destination`. Throws std::invalid_argument for an unknown form, a file
+// outside the confinement directory or an existing file that is not a regular one, and
+// std::runtime_error when the file or its directory cannot be opened.
 CONNECTOR_EXPORT void setLogDestination(const std::string& destination);
 
 // The specification in force, as it was set.

@@ -1,0 +1,106 @@
+// The process log: named channels that the code of the process writes records to, one
+// destination that every channel writes to, and a specification of the level each channel
+// passes.
+//
+// State: the channels, the destination, the specification and the confinement directory exist
+// once per process, inside connector_common_services, and live until the process ends (a channel
+// handle may be used from static destructors). A `channel` is a cheap handle onto a process-wide
+// channel; copies share it.
+//
+// Threads: every function and every member of `channel` is safe from any thread, concurrently
+// with each other. Records written while the destination or specification changes go either to
+// the old setting or to the new one, never lost and never torn.
+//
+// Destination texts:
+//   "stderr"      standard error (the initial destination)
+//   "stdout"      standard output
+//   "null"        discard every record
+//   "file:PATH"   append to the file PATH, creating it if needed (its directory must exist);
+//                 every record is flushed as it is written. When a confinement directory is set,
+//                 a relative PATH is taken relative to it.
+//
+// Specification texts: comma-separated items, each either a level (the default for every channel)
+// or PATTERN=LEVEL (an override for the channels whose name matches the shell-style PATTERN,
+// fnmatch(3) without flags, so `*` also matches dots). At most one default; without one the
+// default is info. When several overrides match a channel, the last one wins. Blanks around items
+// and around `=` are ignored. Levels, from most to least verbose: trace, debug, info, warn, error,
+// critical, off. Examples: "info", "warn,connector.*=debug", "off,connector.delivery=trace".
+// The initial specification is "info".
+//
+// Errors: a setter that refuses its input throws and leaves the previous setting in force.
+// std::invalid_argument for a text that is not understood or not allowed, std::runtime_error for
+// a file that cannot be opened. The message names the offending text and what would be accepted.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "framework/Export.h"
+
+namespace foundation {
+namespace log {
+
+enum class level { trace, debug, info, warn, error, critical, off };
+
+namespace detail {
+struct channel_core;  // the process-wide channel behind a handle; defined in Log.cpp
+}
+
+// A handle onto the process channel of a given name. Constructing one with a name that already
+// exists joins that channel; otherwise the channel is created, listed by the admin (after every
+// channel created before it) and given the level the current specification assigns to its name.
+// Channels are never removed.
+class CONNECTOR_EXPORT channel {
+ public:
+  // Throws std::invalid_argument for an empty name.
+  explicit channel(const std::string& name);
+
+  const std::string& name() const noexcept;
+
+  // Whether a record at `severity` would be written now. Use it to skip building costly texts.
+  bool enabled(level severity) const noexcept;
+
+  // Writes one record if `severity` passes the channel's level. `off` is not a severity: a record
+  // written at `off` is dropped. A destination that fails to write (a full disk) does not throw:
+  // spdlog reports the failure on standard error (at most once a second) and the record is lost.
+  void write(level severity, std::string_view text) const;
+
+  void trace(std::string_view text) const { write(level::trace, text); }
+  void debug(std::string_view text) const { write(level::debug, text); }
+  void info(std::string_view text) const { write(level::info, text); }
+  void warn(std::string_view text) const { write(level::warn, text); }
+  void error(std::string_view text) const { write(level::error, text); }
+  void critical(std::string_view text) const { write(level::critical, text); }
+
+ private:
+  std::shared_ptr<detail::channel_core> core_;
+};
+
+// The destination in force, exactly as it was set (initially "stderr").
+CONNECTOR_EXPORT std::string destination();
+
+// Moves every channel, existing and future, to `text` (see the syntax above). Later records land
+// there; the previous destination is closed once no record is being written to it.
+CONNECTOR_EXPORT void set_destination(const std::string& text);
+
+// The specification in force, exactly as it was set (initially "info").
+CONNECTOR_EXPORT std::string specification();
+
+// Applies `text` (see the syntax above) to every channel, existing and future.
+CONNECTOR_EXPORT void set_specification(const std::string& text);
+
+// Confines "file:" destinations to `directory`, which must exist: later set_destination() calls
+// refuse a file that does not lie inside it, whether by an absolute path, a `..` component or a
+// symbolic link (for the file itself or for any directory on the way). The check is made again
+// after the file is opened. Meant to be called once by the host at start-up, before it offers
+// the log commands to operators; the destination in force is not re-checked. An empty text lifts
+// the confinement. Throws std::invalid_argument when `directory` does not exist or is not a
+// directory, and then leaves the previous confinement in force.
+CONNECTOR_EXPORT void confine_file_destinations(const std::string& directory);
+
+// The confinement directory in force, as an absolute path without symbolic links; empty if none.
+CONNECTOR_EXPORT std::string file_destination_confinement();
+
+}  // namespace log
+}  // namespace foundation
