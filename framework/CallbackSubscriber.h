@@ -15,11 +15,14 @@
 // subscription may complete from inside cancel()). It is held while the completion is
 // settled, so a continuation attached to getFuture()'s Future must not call this subscriber.
 //
-// In-flight guarantee: when cancel() returns, no call of the callback is running and none will
-// start, so the owner may destroy what the callback refers to. cancel() waits for calls that
-// other threads are making; a cancel() made from inside the callback (on the same thread) does
-// not wait for its own call. The caller of onNext must keep the subscriber alive for the call,
-// and a callback must not release the last owner of its own subscriber.
+// In-flight guarantee: when cancel() returns on a thread that is not inside the callback, no
+// call of the callback is running and none will start, so the owner may destroy what the
+// callback refers to. cancel() waits for calls that other threads are making, so it must not be
+// called while holding anything such a call waits for (a lock the callback takes). A cancel()
+// made from inside the callback does not wait for its own call, nor for another thread's call
+// that is itself waiting in cancel() from inside the callback; it waits for every other call.
+// The caller of onNext must keep the subscriber alive for the call, and a callback must not
+// release the last owner of its own subscriber.
 #pragma once
 
 #include <algorithm>
@@ -43,12 +46,14 @@ namespace reactive_streams {
 template <typename T>
 class CallbackSubscriber : public SubscriberAPI<T> {
  public:
+  static constexpr std::uint64_t kUnbounded = 0xFFFFFFFFFFFFFFFFULL;
+
   explicit CallbackSubscriber(std::function<void(T&&)> cb) : callback(std::move(cb)) {}
 
   ~CallbackSubscriber() override { cancel(); }
 
   // Remembers the subscription (weakly, replacing an earlier one) and, while Active, requests
-  // unbounded demand from it, once.
+  // unbounded demand from it. Once Done, the subscription is remembered but not called.
   void onSubscribe(const std::shared_ptr<Subscription>& s) override {
     std::unique_lock<std::mutex> lock(mutex);
     subscription = s;
@@ -94,14 +99,15 @@ class CallbackSubscriber : public SubscriberAPI<T> {
       std::thread::id id;
       ~Leave() {
         std::lock_guard<std::mutex> lock(subscriber.mutex);
-        auto& list = subscriber.callers;
-        list.erase(std::find(list.begin(), list.end(), id));
+        eraseOne(subscriber.callers, id);
         subscriber.idle.notify_all();
       }
     } leave{*this, self};
     callback(std::move(value));
   }
 
+  // Settles the Future with `error`, stored unchanged (an empty pointer included: the Future's
+  // get() reports that case with an exception of its own).
   void onError(std::exception_ptr error) override {
     std::lock_guard<std::mutex> lock(mutex);
     if (done) {
@@ -113,38 +119,63 @@ class CallbackSubscriber : public SubscriberAPI<T> {
 
   // Ends the stream from this side: settles the Future with false and cancels the subscription,
   // at most once and never after a completion or an error; then waits until no other thread is
-  // inside the callback. Safe to call any number of times, and from inside the callback.
+  // inside the callback (see the in-flight guarantee above). Safe to call any number of times,
+  // from any thread, and from inside the callback.
   void cancel() {
-    std::unique_lock<std::mutex> lock(mutex);
     std::shared_ptr<Subscription> upstream;
-    if (!done) {
-      done = true;
-      completion.resolve(false);
-      upstream = subscription.lock();
+    {
+      std::unique_lock<std::mutex> lock(mutex);
+      if (!done) {
+        done = true;
+        completion.resolve(false);
+        upstream = subscription.lock();
+      }
+      waitForOtherCallers(lock);
     }
-    const std::thread::id self = std::this_thread::get_id();
-    idle.wait(lock, [&] {
-      return std::all_of(callers.begin(), callers.end(), [&](std::thread::id id) { return id == self; });
-    });
-    lock.unlock();
     if (upstream) {
       upstream->cancel();
     }
   }
 
-  static constexpr std::uint64_t kUnbounded = 0xFFFFFFFFFFFFFFFFULL;
+ private:
+  // Called with the lock held; returns with it held. No call can join `callers` any more
+  // (done is set), so this waits only for the calls already running. A thread that is itself
+  // inside the callback does not wait for its own call, nor for the calls of other threads
+  // that are also waiting here from inside the callback: those would otherwise wait for each
+  // other for ever.
+  void waitForOtherCallers(std::unique_lock<std::mutex>& lock) {
+    const std::thread::id self = std::this_thread::get_id();
+    const bool insideCallback = std::find(callers.begin(), callers.end(), self) != callers.end();
+    if (insideCallback) {
+      parked.push_back(self);
+      idle.notify_all();
+    }
+    idle.wait(lock, [&] {
+      return std::all_of(callers.begin(), callers.end(), [&](std::thread::id id) {
+        return id == self || (insideCallback && std::find(parked.begin(), parked.end(), id) != parked.end());
+      });
+    });
+    if (insideCallback) {
+      eraseOne(parked, self);
+    }
+  }
 
-  // Fields, in declaration order. `mutex` guards subscription, done and callers, and is held
-  // while completion is settled.
+  static void eraseOne(std::vector<std::thread::id>& list, std::thread::id id) {
+    list.erase(std::find(list.begin(), list.end(), id));
+  }
+
+  // Fields, in declaration order. `mutex` guards every field after it except the constant
+  // callback, and is held while completion is settled.
   std::mutex mutex;
   Promise<bool> completion;
   const std::function<void(T&&)> callback;
   std::weak_ptr<Subscription> subscription;
-  bool done = false;
-
- private:
-  // Threads now inside the callback, one entry per call; and the signal that one has left.
+  bool done = false;  // false while Active; true from the first onComplete, onError or cancel
+  // Threads now inside the callback, one entry per call (a thread may recurse into onNext).
   std::vector<std::thread::id> callers;
+  // Threads of `callers` now waiting in cancel(), one entry per waiting call.
+  std::vector<std::thread::id> parked;
+  // Signalled, under the lock, when a thread leaves `callers` or joins `parked`.
   std::condition_variable idle;
 };
 
@@ -166,6 +197,7 @@ class TypedCanceller : public Canceller {
     }
   }
 
+ private:
   P subscriber;
 };
 

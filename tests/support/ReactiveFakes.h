@@ -1,0 +1,149 @@
+// Recording fakes of the reactive-streams interfaces, for tests of subscribers and of the code
+// that subscribes.
+//
+// FakeSubscription records every request(n) and cancel() it receives; FakePublisher<T> records
+// the subscribers handed to subscribe() and lets a test drive them (onSubscribe, onNext,
+// onComplete, onError) from any thread. Both are thread-safe: any thread may call them and
+// read what they recorded while others do. Their hooks are set before the fake is shared and
+// run on the calling thread with no lock of the fake held, so a hook may call back into the
+// subscriber (for example complete it from inside cancel()).
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <exception>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "framework/ReactiveStreams.h"
+
+namespace connector {
+namespace testing {
+
+class FakeSubscription : public reactive_streams::Subscription {
+ public:
+  // Run inside request(n) and cancel(), after the call has been recorded.
+  std::function<void(std::uint64_t)> onRequest;
+  std::function<void()> onCancel;
+
+  void request(std::uint64_t count) override {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      requests_.push_back(count);
+    }
+    if (onRequest) {
+      onRequest(count);
+    }
+  }
+
+  void cancel() override {
+    cancels_.fetch_add(1);
+    if (onCancel) {
+      onCancel();
+    }
+  }
+
+  // Every count passed to request(), in order of arrival.
+  std::vector<std::uint64_t> requests() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return requests_;
+  }
+  std::size_t requestCount() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return requests_.size();
+  }
+  int cancelCount() const { return cancels_.load(); }
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<std::uint64_t> requests_;  // guarded by mutex_
+  std::atomic<int> cancels_{0};
+};
+
+template <typename T>
+class FakePublisher : public reactive_streams::Publisher<T> {
+ public:
+  using SubscriberPtr = std::shared_ptr<reactive_streams::SubscriberAPI<T>>;
+
+  // When set, subscribe() throws it instead of recording the subscriber.
+  std::exception_ptr subscribeFailure;
+  // Run inside subscribe(), after the subscriber has been recorded; a publisher that signals
+  // onSubscribe synchronously does it here.
+  std::function<void(const SubscriberPtr&)> onSubscribed;
+
+  void subscribe(SubscriberPtr subscriber) override {
+    if (subscribeFailure) {
+      std::rethrow_exception(subscribeFailure);
+    }
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      subscribers_.push_back(subscriber);
+    }
+    if (onSubscribed) {
+      onSubscribed(subscriber);
+    }
+  }
+
+  std::size_t subscriberCount() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return subscribers_.size();
+  }
+
+  // The index-th subscriber handed to subscribe(); throws std::out_of_range if there is none.
+  SubscriberPtr subscriber(std::size_t index = 0) const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (index >= subscribers_.size()) {
+      throw std::out_of_range("FakePublisher has " + std::to_string(subscribers_.size()) +
+                              " subscribers, so there is none at index " + std::to_string(index));
+    }
+    return subscribers_[index];
+  }
+
+  // Drops the publisher's hold on every subscriber, as a publisher does once a stream has ended.
+  void releaseSubscribers() {
+    std::vector<SubscriberPtr> released;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      released.swap(subscribers_);
+    }
+  }
+
+  // Signals onSubscribe to the index-th subscriber with a fresh FakeSubscription and returns
+  // that subscription (the publisher's only strong reference to it is the one returned).
+  std::shared_ptr<FakeSubscription> sendSubscribe(std::size_t index = 0) {
+    auto subscription = std::make_shared<FakeSubscription>();
+    subscriber(index)->onSubscribe(subscription);
+    return subscription;
+  }
+  void sendNext(T value, std::size_t index = 0) { subscriber(index)->onNext(std::move(value)); }
+  void sendComplete(std::size_t index = 0) { subscriber(index)->onComplete(); }
+  void sendError(std::exception_ptr error, std::size_t index = 0) {
+    subscriber(index)->onError(std::move(error));
+  }
+
+  // Sends a copy of `value` to every subscriber recorded now, in order of subscription.
+  void publish(const T& value) {
+    for (const SubscriberPtr& each : snapshot()) {
+      T copy(value);
+      each->onNext(std::move(copy));
+    }
+  }
+
+ private:
+  std::vector<SubscriberPtr> snapshot() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return subscribers_;
+  }
+
+  mutable std::mutex mutex_;
+  std::vector<SubscriberPtr> subscribers_;  // guarded by mutex_
+};
+
+}  // namespace testing
+}  // namespace connector
