@@ -17,8 +17,10 @@
 //
 // Threads: any thread may settle a state while another waits in get(). A single handle (one
 // Promise or one Future object) is not itself meant to be used from two threads at once, as
-// with std::promise and std::future. Misuse raises std::runtime_error with one of eight fixed
-// texts; a failed lock raises std::system_error.
+// with std::promise and std::future; the exception is that get(), then() and cancel() only read
+// their handle, so one thread may cancel() a Future while another waits in its get(). A
+// continuation runs on the settling thread with the state's lock released. Misuse raises
+// std::runtime_error with one of eight fixed texts; a failed lock raises std::system_error.
 #pragma once
 
 #include <atomic>
@@ -54,7 +56,8 @@ inline constexpr const char* kInvalidFutureState = "Invalid Future state reached
 // Not one of the eight: rethrowing an empty std::exception_ptr is undefined behaviour, so get()
 // reports a state rejected with an empty pointer with this text instead.
 inline constexpr const char* kRejectedWithoutException =
-    "Future was rejected with an empty exception pointer.";
+    "Future was rejected with an empty std::exception_ptr; reject with a pointer that holds an "
+    "exception.";
 
 enum class Status : std::uint32_t { Pending = 0, Resolved = 1, Rejected = 2, Cancelled = 3 };
 
@@ -70,13 +73,15 @@ union Box {
   Box(const Box&) = delete;
   Box& operator=(const Box&) = delete;
 
-  // Boxes for a test or a host that brings a state into a given status by hand.
-  static std::unique_ptr<Box> holding(T&& value) {
+  // The box is allocated before `value` is touched, so when the allocation fails the caller
+  // still owns its value. Also for a test or a host that brings a state into a given status.
+  template <typename V>
+  static std::unique_ptr<Box> holdingValue(V&& value) {
     std::unique_ptr<Box> box(new Box);
-    new (&box->result) T(std::move(value));
+    new (&box->result) T(std::forward<V>(value));
     return box;
   }
-  static std::unique_ptr<Box> holding(std::exception_ptr exception) {
+  static std::unique_ptr<Box> holdingError(std::exception_ptr exception) {
     std::unique_ptr<Box> box(new Box);
     new (&box->error) std::exception_ptr(std::move(exception));
     return box;
@@ -112,8 +117,8 @@ class SharedFutureState : public std::enable_shared_from_this<SharedFutureState<
   // Lock order: a callback subscriber's mutex, then this one. Never held while a continuation
   // runs or while waiters are woken.
   std::mutex mutex;
-  std::condition_variable condition;  // waited on by get() while Pending; only notify_all
-  std::unique_ptr<Box<T>> value;      // guarded by mutex; set once, when the state settles
+  std::condition_variable condition;              // waited on by get() while Pending; only notify_all
+  std::unique_ptr<Box<T>> value;                  // guarded by mutex; set once, when the state settles
   std::unique_ptr<Continuation<T>> continuation;  // guarded by mutex; at most one
   // Written only under mutex. Atomic so that ~Promise can see a settled state without taking
   // the lock again: once it leaves Pending it never changes.
@@ -187,7 +192,7 @@ class SharedFutureState : public std::enable_shared_from_this<SharedFutureState<
     }
     std::unique_lock<std::mutex> lock(mutex);
     if (status.load(std::memory_order_relaxed) == Status::Pending) {
-      value = Box<T>::holding(std::make_exception_ptr(std::runtime_error(kPromiseDestroyed)));
+      value = Box<T>::holdingError(std::make_exception_ptr(std::runtime_error(kPromiseDestroyed)));
       status.store(Status::Rejected, std::memory_order_release);
     }
     notifyCompletion(lock);
@@ -195,16 +200,14 @@ class SharedFutureState : public std::enable_shared_from_this<SharedFutureState<
 
  private:
   // Called with the lock held (or on a fresh state). Return false when the state is Cancelled
-  // and the outcome stays with the caller. The box is allocated before anything is moved or
-  // changed, so an allocation failure leaves the state Pending and the caller owning its value.
+  // and the outcome stays with the caller. The status changes only once the box holds the
+  // outcome, so an allocation failure leaves the state Pending and the caller owning its value.
   template <typename V>
   bool settleValue(V&& v) {
     if (!maySettle()) {
       return false;
     }
-    std::unique_ptr<Box<T>> box(new Box<T>);
-    new (&box->result) T(std::forward<V>(v));
-    value = std::move(box);
+    value = Box<T>::holdingValue(std::forward<V>(v));
     status.store(Status::Resolved, std::memory_order_release);
     return true;
   }
@@ -212,9 +215,7 @@ class SharedFutureState : public std::enable_shared_from_this<SharedFutureState<
     if (!maySettle()) {
       return false;
     }
-    std::unique_ptr<Box<T>> box(new Box<T>);
-    new (&box->error) std::exception_ptr(std::move(e));
-    value = std::move(box);
+    value = Box<T>::holdingError(std::move(e));
     status.store(Status::Rejected, std::memory_order_release);
     return true;
   }
@@ -270,10 +271,13 @@ class Future {
   bool isValid() const noexcept { return valid.load(); }
 
   // Returns the value, or throws the stored exception (one level of a stored std::exception_ptr
-  // object is unwrapped). A state rejected with an empty std::exception_ptr throws
-  // std::runtime_error "Future was rejected with an empty exception pointer." instead.
-  // Fails with the fixed texts on an invalid handle, a second get(), an attached continuation,
-  // a Cancelled state or an unknown status. Blocks without a time limit while Pending.
+  // object is unwrapped). A state rejected with an empty std::exception_ptr, directly or inside
+  // the unwrapped level, throws std::runtime_error "Future was rejected with an empty
+  // std::exception_ptr; reject with a pointer that holds an exception." instead, since
+  // rethrowing an empty pointer is undefined. Fails with the fixed texts on an invalid handle, a
+  // second get() (even while the first still waits), an attached continuation, a Cancelled
+  // state or an unknown status. Blocks without a time limit while Pending. The handle stays
+  // valid afterwards, but the value has been moved out.
   T get() {
     if (!valid.load() || !state) {
       throw std::runtime_error(detail::kFutureStateNotValid);
@@ -287,29 +291,34 @@ class Future {
     while (s.status.load(std::memory_order_relaxed) == detail::Status::Pending) {
       s.condition.wait(lock);
     }
-    switch (s.status.load(std::memory_order_relaxed)) {
-      case detail::Status::Resolved: {
-        T result(std::move(s.value->result));
-        lock.unlock();
-        return result;
-      }
-      case detail::Status::Rejected: {
-        std::exception_ptr error = std::move(s.value->error);
-        lock.unlock();
-        rethrowUnwrapped(error);
-      }
-      case detail::Status::Cancelled:
-        throw std::runtime_error(detail::kFutureCancelled);
-      default:
-        throw std::runtime_error(detail::kInvalidFutureState);
+    const detail::Status status = s.status.load(std::memory_order_relaxed);
+    if (status == detail::Status::Resolved && s.value) {
+      T result(std::move(s.value->result));
+      lock.unlock();
+      return result;
     }
+    if (status == detail::Status::Rejected && s.value) {
+      std::exception_ptr error = std::move(s.value->error);
+      lock.unlock();
+      rethrowUnwrapped(error);
+    }
+    if (status == detail::Status::Cancelled) {
+      throw std::runtime_error(detail::kFutureCancelled);
+    }
+    // An unknown code, or a settled status without its box (only a state set up by hand).
+    throw std::runtime_error(detail::kInvalidFutureState);
   }
 
-  // Installs `f`, callable as void(Future<T>), to run once with a valid Future when the state
-  // settles. On a Resolved or Rejected state it runs at once on this thread, and afterwards
-  // the value counts as retrieved. On a Cancelled state it is destroyed without being called,
-  // as cancel() does with an attached continuation. Refused, with "Future already returned
-  // it's value or has an associated continuation.", after get() or a first continuation.
+  // Has `f`, callable as void(Future<T>), run once with a valid Future of its own:
+  // - Pending: `f` is attached and runs on the thread that settles the state (resolve, reject
+  //   or the Promise's destruction) with the lock released. Handing it over clears the state's
+  //   flags, so its Future may call get(); if `f` throws, the settling call throws that.
+  // - Resolved or Rejected: `f` runs at once on this thread; its exception leaves then().
+  //   Afterwards the value counts as retrieved, whether or not `f` took it.
+  // - Cancelled: `f` is destroyed without being called and then() returns normally, as cancel()
+  //   does with an attached continuation; get() keeps throwing "Future has been cancelled.".
+  // Refused, with "Future already returned it's value or has an associated continuation.",
+  // after get() or while a continuation is attached. `f` may re-enter this state.
   template <typename F>
   void then(F f) {
     if (!valid.load() || !state) {
@@ -331,7 +340,9 @@ class Future {
       return;
     }
     lock.unlock();
-    (*run)(Future<T>(state));
+    // The continuation may destroy this handle; its own Future keeps the state only while it runs.
+    std::shared_ptr<State> keep = state;
+    (*run)(Future<T>(keep));
     lock.lock();
     s.valueRetrieved = true;
   }
@@ -343,7 +354,9 @@ class Future {
     if (!valid.load() || !state) {
       throw std::runtime_error(detail::kFutureStateNotValid);
     }
-    State& s = *state;
+    // Destroying the continuation may destroy this handle, and with it the last owner.
+    std::shared_ptr<State> keep = state;
+    State& s = *keep;
     std::unique_ptr<detail::Continuation<T>> dropped;
     {
       std::lock_guard<std::mutex> lock(s.mutex);
@@ -386,8 +399,7 @@ class Promise {
   using State = detail::SharedFutureState<T>;
 
   Promise() : state(std::make_shared<State>()), valid(true) {}
-  Promise(Promise&& other) noexcept
-      : state(std::move(other.state)), valid(other.valid.exchange(false)) {}
+  Promise(Promise&& other) noexcept : state(std::move(other.state)), valid(other.valid.exchange(false)) {}
   Promise& operator=(Promise&& other) noexcept {
     if (this != &other) {
       breakState();
@@ -403,9 +415,10 @@ class Promise {
 
   bool isValid() const noexcept { return valid.load(); }
 
-  // Hands out the one Future of this promise.
+  // Hands out the one Future of this promise; a second call throws "Promise already returned a
+  // future.".
   Future<T> getFuture() {
-    if (!valid.load()) {
+    if (!valid.load() || !state) {
       throw std::runtime_error(detail::kPromiseStateNotValid);
     }
     std::lock_guard<std::mutex> lock(state->mutex);
@@ -416,9 +429,11 @@ class Promise {
     return Future<T>(state);
   }
 
-  // Settles with a value; on a Cancelled state the value stays with the caller.
+  // Settles with a value and wakes the waiters, or runs an attached continuation on this thread
+  // (its exception leaves here). Throws "Promise already resolved." on a Resolved or Rejected
+  // state; on a Cancelled state returns normally and the value stays with the caller.
   void resolve(T&& value) {
-    if (!valid.load()) {
+    if (!valid.load() || !state) {
       throw std::runtime_error(detail::kPromiseStateNotValid);
     }
     state->resolve(std::move(value));
@@ -429,9 +444,9 @@ class Promise {
     resolve(std::move(copy));
   }
 
-  // Settles with an exception, stored unchanged.
+  // Settles with an exception, stored unchanged; otherwise as resolve().
   void reject(std::exception_ptr exception) {
-    if (!valid.load()) {
+    if (!valid.load() || !state) {
       throw std::runtime_error(detail::kPromiseStateNotValid);
     }
     state->reject(std::move(exception));

@@ -69,8 +69,7 @@ class CONNECTOR_EXPORT Context {
   Context(const Context&) = delete;
   Context& operator=(const Context&) = delete;
   virtual ~Context();
-  virtual Future<std::unique_ptr<Message>> forward(std::unique_ptr<Message>&& message,
-                                                   Address&& address) = 0;
+  virtual Future<std::unique_ptr<Message>> forward(std::unique_ptr<Message>&& message, Address&& address) = 0;
 };
 
 // The base of every service provider. The host owns providers through std::shared_ptr, so a
@@ -87,8 +86,7 @@ class CONNECTOR_EXPORT ServiceProvider : public common::Lifecycle,
   // later by whoever holds its Promise. A failure of the answer travels inside the Future; what
   // deliver() itself may throw is each provider's own contract. A provider may take over, pass
   // on or leave each argument with the caller.
-  virtual Future<std::unique_ptr<Message>> deliver(std::unique_ptr<Message>&& message,
-                                                   Address&& address,
+  virtual Future<std::unique_ptr<Message>> deliver(std::unique_ptr<Message>&& message, Address&& address,
                                                    std::shared_ptr<Context>&& context) = 0;
 };
 
