@@ -1,0 +1,158 @@
+#include "host/CommandRegistry.h"
+
+#include <algorithm>
+#include <exception>
+#include <map>
+#include <mutex>
+#include <stdexcept>
+#include <utility>
+
+namespace connector {
+namespace host {
+
+namespace {
+
+const char* const kHelpName = "help";
+const char* const kHelpDescription = "List every command with its description.";
+
+std::string plural(unsigned count) {
+  return std::to_string(count) + (count == 1 ? " argument" : " arguments");
+}
+
+std::string describeBounds(unsigned min, unsigned max) {
+  if (max == 0) {
+    return "no arguments";
+  }
+  if (min == max) {
+    return "exactly " + plural(min);
+  }
+  if (max == 255) {
+    // 255 is the most the record can declare, so it stands for "no upper limit".
+    return min == 0 ? "at most " + plural(max) : "at least " + plural(min);
+  }
+  return std::to_string(min) + " to " + std::to_string(max) + " arguments";
+}
+
+}  // namespace
+
+namespace detail {
+
+struct CommandTable {
+  mutable std::mutex mutex;
+  // Shared so that execute() can run a handler after releasing the lock, even while the
+  // command is withdrawn.
+  std::map<std::string, std::shared_ptr<const administration::Command>> commands;  // guarded by mutex
+};
+
+}  // namespace detail
+
+namespace {
+
+std::string helpText(const std::vector<CommandRegistry::Description>& commands) {
+  std::size_t width = 0;
+  for (const auto& command : commands) {
+    width = std::max(width, command.name.size());
+  }
+  std::string text;
+  for (const auto& command : commands) {
+    text += command.name + std::string(width - command.name.size() + 2, ' ') + command.description + '\n';
+  }
+  return text;
+}
+
+std::vector<CommandRegistry::Description> describe(const detail::CommandTable& table) {
+  std::vector<CommandRegistry::Description> descriptions;
+  std::lock_guard<std::mutex> lock(table.mutex);
+  for (const auto& entry : table.commands) {
+    const administration::Command& command = *entry.second;
+    descriptions.push_back({command.name, command.description, command.minArguments, command.maxArguments});
+  }
+  return descriptions;
+}
+
+}  // namespace
+
+CommandRegistry::CommandRegistry() : table_(std::make_shared<detail::CommandTable>()) {
+  // The help handler holds the table weakly: the table owns the handler.
+  std::weak_ptr<detail::CommandTable> table = table_;
+  administration::Command help;
+  help.name = kHelpName;
+  help.description = kHelpDescription;
+  help.handler = [table](std::vector<std::string>&&) -> std::string {
+    std::shared_ptr<detail::CommandTable> held = table.lock();
+    return held ? helpText(describe(*held)) : std::string();
+  };
+  table_->commands.emplace(kHelpName, std::make_shared<const administration::Command>(std::move(help)));
+}
+
+CommandRegistry::~CommandRegistry() = default;
+
+Future<bool> CommandRegistry::registerCommand(administration::Command command) {
+  if (command.name.empty()) {
+    return makeRejectedFuture<bool>(std::invalid_argument("a command needs a non-empty name"));
+  }
+  if (!command.handler) {
+    return makeRejectedFuture<bool>(std::invalid_argument("command \"" + command.name +
+                                                          "\" has no handler; give it the function to run"));
+  }
+  if (command.minArguments > command.maxArguments) {
+    return makeRejectedFuture<bool>(std::invalid_argument(
+        "command \"" + command.name + "\" declares minArguments " + std::to_string(command.minArguments) +
+        " above maxArguments " + std::to_string(command.maxArguments)));
+  }
+  std::string name = command.name;
+  auto shared = std::make_shared<const administration::Command>(std::move(command));
+  bool added = false;
+  {
+    std::lock_guard<std::mutex> lock(table_->mutex);
+    added = table_->commands.emplace(std::move(name), shared).second;
+  }
+  return makeResolvedFuture(added);
+}
+
+Future<bool> CommandRegistry::unregisterCommand(const std::string& name) {
+  std::shared_ptr<const administration::Command> removed;  // released after the lock
+  if (name != kHelpName) {
+    std::lock_guard<std::mutex> lock(table_->mutex);
+    auto found = table_->commands.find(name);
+    if (found != table_->commands.end()) {
+      removed = std::move(found->second);
+      table_->commands.erase(found);
+    }
+  }
+  return makeResolvedFuture(removed != nullptr);
+}
+
+CommandRegistry::Result CommandRegistry::execute(const std::string& name,
+                                                 std::vector<std::string> arguments) const {
+  std::shared_ptr<const administration::Command> command;
+  {
+    std::lock_guard<std::mutex> lock(table_->mutex);
+    auto found = table_->commands.find(name);
+    if (found != table_->commands.end()) {
+      command = found->second;
+    }
+  }
+  if (!command) {
+    return {false, "unknown command \"" + name + "\"; \"help\" lists the commands"};
+  }
+  if (arguments.size() < command->minArguments || arguments.size() > command->maxArguments) {
+    return {false, "command \"" + name + "\" takes " +
+                       describeBounds(command->minArguments, command->maxArguments) + ", but was given " +
+                       std::to_string(arguments.size())};
+  }
+  try {
+    return {true, command->handler(std::move(arguments))};
+  } catch (const std::exception& error) {
+    return {false, "command \"" + name + "\" failed: " + error.what()};
+  } catch (...) {
+    return {false, "command \"" + name + "\" failed with an exception that is not a std::exception"};
+  }
+}
+
+std::vector<CommandRegistry::Description> CommandRegistry::describeCommands() const {
+  return describe(*table_);
+}
+
+}  // namespace host
+}  // namespace connector

@@ -1,0 +1,66 @@
+// The reference host's administration registry: named text commands that operators run.
+//
+// registerCommand() answers with an already settled Future<bool>: true when the command was
+// added, false when a command of that name is already there (the first one stays); rejected
+// with std::invalid_argument for a record without a name or handler, or whose minArguments
+// exceeds its maxArguments. unregisterCommand() answers true when it withdrew the command,
+// false when there was none of that name; it never throws. The built-in "help" lists every
+// command with its description; it cannot be replaced or withdrawn.
+//
+// execute() runs a command on the calling thread and never throws for the command's sake: an
+// unknown name, an argument count outside the command's bounds, and an exception from the
+// handler all come back as a failed result whose text says what went wrong.
+//
+// Threads: every operation is safe from any thread, concurrently with every other; handlers
+// run on the threads that call execute(), possibly several at once. No lock of the registry
+// is held while a handler runs, so a handler may register, withdraw or execute commands. A
+// handler withdrawn while it runs finishes that call.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "framework/Administration.h"
+
+namespace connector {
+namespace host {
+
+namespace detail {
+struct CommandTable;  // the registered commands; in CommandRegistry.cpp
+}
+
+class CommandRegistry final : public administration::Administration {
+ public:
+  // What a command answered: its text when it succeeded, otherwise the error text.
+  struct Result {
+    bool succeeded;
+    std::string text;
+  };
+
+  // A registered command as operators see it.
+  struct Description {
+    std::string name;
+    std::string description;
+    std::uint8_t minArguments;
+    std::uint8_t maxArguments;
+  };
+
+  CommandRegistry();
+  ~CommandRegistry() override;
+
+  Future<bool> registerCommand(administration::Command command) override;
+  Future<bool> unregisterCommand(const std::string& name) override;
+
+  Result execute(const std::string& name, std::vector<std::string> arguments) const;
+
+  // Every command, "help" included, in ascending order of name.
+  std::vector<Description> describeCommands() const;
+
+ private:
+  std::shared_ptr<detail::CommandTable> table_;
+};
+
+}  // namespace host
+}  // namespace connector

@@ -1,0 +1,43 @@
+// The message types the shell can send: small, distinct types, so that a logging provider's
+// filter (which selects by the start of the message's type name) has something to choose from.
+// Plain values; safe to use from any thread once made.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "framework/ServiceProvider.h"
+
+namespace demo {
+
+// What every demo message can say about itself when it comes back as an answer.
+class DemoMessage : public connector::Message {
+ public:
+  virtual std::string describe() const = 0;
+};
+
+class Ping final : public DemoMessage {
+ public:
+  std::string describe() const override { return "demo::Ping"; }
+};
+
+class Greeting final : public DemoMessage {
+ public:
+  explicit Greeting(std::string text) : text_(std::move(text)) {}
+  std::string describe() const override { return "demo::Greeting \"" + text_ + "\""; }
+
+ private:
+  std::string text_;
+};
+
+class Order final : public DemoMessage {
+ public:
+  explicit Order(std::string item) : item_(std::move(item)) {}
+  std::string describe() const override { return "demo::Order \"" + item_ + "\""; }
+
+ private:
+  std::string item_;
+};
+
+}  // namespace demo

@@ -1,0 +1,82 @@
+// The shell's interpreter: builds a host (connector, configuration store, command registry) with
+// the library's providers and runs one command line at a time against it.
+//
+// The host: an EchoServiceProvider "echo" behind a LoggingServiceProvider "svc" on the address
+// "echo" (svc writes its lines to the shell's output), a ConnectorCommandProvider and a
+// LoggingCommandProvider. A line is split into words at blanks; double quotes group a word (a
+// backslash inside them escapes the next character). Results go to `out`; each error is one
+// line "error: ..." on `err`, written after `out` has been flushed so that the two stay in order
+// on a terminal. The Shell owns the host; the streams must outlive it. One thread at a time.
+#pragma once
+
+#include <iosfwd>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "host/CommandRegistry.h"
+#include "host/ConfigurationStore.h"
+#include "host/Connector.h"
+
+namespace connector {
+namespace common_services {
+class ConnectorCommandProvider;
+class LoggingCommandProvider;
+}  // namespace common_services
+
+namespace shell {
+
+class Shell {
+ public:
+  Shell(std::ostream& out, std::ostream& err);
+  ~Shell();
+  Shell(const Shell&) = delete;
+  Shell& operator=(const Shell&) = delete;
+
+  // Runs one line; a blank line or a comment (first word starting with '#') does nothing.
+  // Returns false when the line failed, after printing why.
+  bool run(const std::string& line);
+
+  // Whether "quit" has been run.
+  bool quitRequested() const { return quit_; }
+
+  // What may be typed as the first word of a line, for completion.
+  std::vector<std::string> commandNames() const;
+  // Words that may follow `first` as the second word ("config" subcommands, "send" addresses).
+  std::vector<std::string> secondWords(const std::string& first) const;
+
+  // The text of the shell's --help.
+  static std::string usage();
+
+ private:
+  struct Word {
+    std::string text;
+    bool quoted;
+  };
+  static std::vector<Word> split(const std::string& line);
+
+  bool send(const std::vector<Word>& words);
+  bool config(const std::vector<Word>& words);
+  bool help(const std::vector<Word>& words);
+  bool fail(const std::string& text);
+  std::string describeEntry(const host::ConfigurationStore::Entry& entry) const;
+
+  std::ostream& out_;
+  std::ostream& err_;
+  bool quit_ = false;
+
+  std::mutex deliveryErrorsMutex_;
+  std::vector<std::string> deliveryErrors_;  // guarded by deliveryErrorsMutex_; refusals of the last set
+
+  // Built in this order and destroyed in the reverse: the providers go before the host pieces
+  // they registered with.
+  std::shared_ptr<host::ConfigurationStore> configuration_;
+  std::shared_ptr<host::CommandRegistry> registry_;
+  std::shared_ptr<host::Connector> connector_;
+  std::unique_ptr<common_services::ConnectorCommandProvider> connectorCommands_;
+  std::unique_ptr<common_services::LoggingCommandProvider> logCommands_;
+};
+
+}  // namespace shell
+}  // namespace connector
