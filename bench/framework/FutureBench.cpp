@@ -14,6 +14,7 @@
 #include <optional>
 #include <thread>
 
+#include "bench/BenchMain.h"
 #include "framework/Future.h"
 #include "framework/ServiceProvider.h"
 #include "services/EchoServiceProvider.h"
@@ -214,14 +215,5 @@ BENCHMARK(StdCrossThread)->UseRealTime();
 }  // namespace
 
 int main(int argc, char** argv) {
-  // libstdc++ skips atomic reference counting while a process has a single thread, which would
-  // flatter every figure here; once a thread has run, it no longer does.
-  std::thread([] {}).join();
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
-    return 1;
-  }
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  return 0;
+  return connector::bench::runBenchmarks(argc, argv);
 }

@@ -14,12 +14,12 @@
 #include <ostream>
 #include <streambuf>
 #include <string>
-#include <thread>
 
 #include <spdlog/logger.h>
 #include <spdlog/sinks/basic_file_sink.h>
 #include <spdlog/sinks/null_sink.h>
 
+#include "bench/BenchMain.h"
 #include "foundation/core/diag/Demangle.h"
 #include "services/EchoServiceProvider.h"
 #include "services/LoggingServiceProvider.h"
@@ -166,16 +166,8 @@ BENCHMARK(SpdlogToFile);
 }  // namespace
 
 int main(int argc, char** argv) {
-  // Shared pointers and locks take their multi-threaded paths only once a thread has existed;
-  // a host always has several, so measure that way.
-  std::thread([] {}).join();
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
-    return 1;
-  }
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
+  const int status = connector::bench::runBenchmarks(argc, argv);
   std::remove(logPath("provider").c_str());
   std::remove(logPath("spdlog").c_str());
-  return 0;
+  return status;
 }
