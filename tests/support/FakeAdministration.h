@@ -1,8 +1,8 @@
 // A recording administration registry for tests: keeps every registered command (handler
 // included, so a test can call it after its provider is gone) and logs every register and
-// unregister call in order. It can be told to throw on the Nth registerCommand call; a refused
-// call is logged but its command is not kept. Every answer is a future already resolved with
-// true. Safe from any thread.
+// unregister call in order, as "register NAME MIN..MAX DESCRIPTION" and "unregister NAME". It can
+// be told to throw on the Nth registerCommand call; a refused call is logged but its command is
+// not kept. Every answer is a future already resolved with true. Safe from any thread.
 #pragma once
 
 #include <cstddef>
@@ -20,13 +20,6 @@ namespace testing {
 
 class FakeAdministration : public administration::Administration {
  public:
-  // One register or unregister call, in the order they were made.
-  struct Call {
-    enum Kind { Register, Unregister } kind;
-    std::string name;
-    bool operator==(const Call& other) const { return kind == other.kind && name == other.name; }
-  };
-
   // The `n`th registerCommand call (counting from 1) throws std::runtime_error.
   void throwOnRegistration(std::size_t n) {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -35,7 +28,8 @@ class FakeAdministration : public administration::Administration {
 
   Future<bool> registerCommand(administration::Command command) override {
     std::lock_guard<std::mutex> lock(mutex_);
-    calls_.push_back({Call::Register, command.name});
+    calls_.push_back("register " + command.name + " " + std::to_string(command.minArguments) + ".." +
+                     std::to_string(command.maxArguments) + " " + command.description);
     if (++registrations_ == throwOn_) {
       throw std::runtime_error("registry refused " + command.name);
     }
@@ -45,23 +39,19 @@ class FakeAdministration : public administration::Administration {
 
   Future<bool> unregisterCommand(const std::string& name) override {
     std::lock_guard<std::mutex> lock(mutex_);
-    calls_.push_back({Call::Unregister, name});
+    calls_.push_back("unregister " + name);
     return makeResolvedFuture(true);
   }
 
-  std::vector<Call> calls() const {
+  std::vector<std::string> calls() const {
     std::lock_guard<std::mutex> lock(mutex_);
     return calls_;
   }
 
-  // The command as registered (kept even after it is withdrawn); throws if it never was.
+  // The command as registered (kept even after it is withdrawn); std::out_of_range if it never was.
   administration::Command command(const std::string& name) const {
     std::lock_guard<std::mutex> lock(mutex_);
-    const auto found = commands_.find(name);
-    if (found == commands_.end()) {
-      throw std::out_of_range("no command registered as " + name);
-    }
-    return found->second;
+    return commands_.at(name);
   }
 
   // Runs the command's handler outside the registry's lock, as a real registry would.
@@ -71,7 +61,7 @@ class FakeAdministration : public administration::Administration {
 
  private:
   mutable std::mutex mutex_;
-  std::vector<Call> calls_;                                  // guarded by mutex_
+  std::vector<std::string> calls_;                           // guarded by mutex_
   std::map<std::string, administration::Command> commands_;  // guarded by mutex_
   std::size_t registrations_ = 0;                            // guarded by mutex_
   std::size_t throwOn_ = 0;                                  // guarded by mutex_; 0: never

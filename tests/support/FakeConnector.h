@@ -1,8 +1,6 @@
-// A connector for tests whose service provider names the test sets, and which counts how often
-// they were asked for. Safe from any thread.
+// A connector for tests whose service provider names the test sets. Safe from any thread.
 #pragma once
 
-#include <atomic>
 #include <mutex>
 #include <set>
 #include <string>
@@ -23,17 +21,13 @@ class FakeConnector : public Connector {
   }
 
   std::set<std::string> getServiceProviderNames() override {
-    ++queries_;
     std::lock_guard<std::mutex> lock(mutex_);
     return names_;
   }
 
-  int queries() const { return queries_.load(); }
-
  private:
   std::mutex mutex_;
   std::set<std::string> names_;  // guarded by mutex_
-  std::atomic<int> queries_{0};
 };
 
 }  // namespace testing

@@ -1,0 +1,313 @@
+// The reference host's three pieces: the connector, the configuration store and the command
+// registry.
+#include <cstdint>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <tuple>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <boost/variant/get.hpp>
+
+#include "host/CommandRegistry.h"
+#include "host/ConfigurationStore.h"
+#include "host/Connector.h"
+#include "services/EchoServiceProvider.h"
+#include "tests/support/CountedMessage.h"
+
+namespace connector {
+namespace {
+
+using common_services::EchoServiceProvider;
+using configuration::ConfigValue;
+using testing::CountedMessage;
+using Arguments = std::vector<std::string>;
+using Journal = std::vector<std::string>;  // written by one thread at a time
+
+// ---- Connector ----
+
+// Writes "start NAME", "stop NAME" and, per delivery, "NAME <- ADDRESS" to its journal; then
+// forwards the message, or throws std::range_error("NAME refuses") when told to.
+class JournalProvider : public ServiceProvider {
+ public:
+  JournalProvider(std::string name, std::shared_ptr<Journal> journal, bool throws = false)
+      : name_(std::move(name)), journal_(std::move(journal)), throws_(throws) {}
+
+  void start() override { journal_->push_back("start " + name_); }
+  void stop() override { journal_->push_back("stop " + name_); }
+  Future<std::unique_ptr<Message>> deliver(std::unique_ptr<Message>&& message, Address&& address,
+                                           std::shared_ptr<Context>&& context) override {
+    journal_->push_back(name_ + " <- " + address.name());
+    if (throws_) {
+      throw std::range_error(name_ + " refuses");
+    }
+    return context->forward(std::move(message), std::move(address));
+  }
+
+ private:
+  const std::string name_;
+  const std::shared_ptr<Journal> journal_;
+  const bool throws_;
+};
+
+// The text of the std::runtime_error a send to `address` is rejected with, or "delivered".
+std::string rejection(host::Connector& connector, const std::string& address) {
+  try {
+    connector.send(std::make_unique<CountedMessage>(), Address(address)).get();
+  } catch (const std::runtime_error& error) {
+    return error.what();
+  }
+  return "delivered";
+}
+
+// Providers are started when added and stopped once: when removed, or newest first when the
+// connector goes. A message visits its chain in order and the last answer comes back.
+TEST(Connector, ProvidersLiveFromAddToRemoveAndAMessageVisitsItsChainInOrder) {
+  auto journal = std::make_shared<Journal>();
+  {
+    host::Connector connector;
+    for (const char* name : {"a", "b", "c"}) {
+      connector.addServiceProvider(name, std::make_shared<JournalProvider>(name, journal));
+    }
+    connector.addServiceProvider("echo", std::make_shared<EchoServiceProvider>());
+    EXPECT_THROW(connector.addServiceProvider("b", std::make_shared<JournalProvider>("b2", journal)),
+                 std::invalid_argument);
+    connector.setRoute("orders", {"c", "a", "echo"});
+    auto message = std::make_unique<CountedMessage>("apples");
+    Message* const sent = message.get();
+    EXPECT_EQ(connector.send(std::move(message), Address("orders")).get().get(), sent);
+    connector.removeServiceProvider("b");
+    EXPECT_THROW(connector.removeServiceProvider("b"), std::invalid_argument);
+    EXPECT_EQ(connector.getServiceProviderNames(), (std::set<std::string>{"a", "c", "echo"}));
+  }
+  EXPECT_EQ(*journal, (Journal{"start a", "start b", "start c", "c <- orders", "a <- orders", "stop b",
+                               "stop c", "stop a"}));
+}
+
+// send() and forward() never throw for a missing link: the answer is rejected, naming the address
+// and the provider; a provider's own exception comes back inside the answer.
+TEST(Connector, EveryFailedDeliveryIsARejectedAnswer) {
+  auto journal = std::make_shared<Journal>();
+  host::Connector connector;
+  EXPECT_EQ(rejection(connector, "end"), "no route for address \"end\" (routed addresses: none)");
+  for (const char* name : {"svc", "gone"}) {
+    connector.addServiceProvider(name, std::make_shared<JournalProvider>(name, journal));
+  }
+  connector.addServiceProvider("strict", std::make_shared<JournalProvider>("strict", journal, true));
+  connector.removeServiceProvider("gone");
+  connector.setRoute("end", {"svc"});
+  connector.setRoute("gap", {"svc", "gone"});
+  connector.setRoute("strict", {"strict"});
+  EXPECT_EQ(rejection(connector, "end"),
+            "service provider \"svc\" is the last of the chain for address \"end\" (svc); "
+            "there is no service provider to forward to");
+  EXPECT_EQ(rejection(connector, "gap"),
+            "the chain for address \"gap\" names service provider \"gone\", which is not added");
+  EXPECT_EQ(rejection(connector, "nowhere"),
+            "no route for address \"nowhere\" (routed addresses: end, gap, strict)");
+  EXPECT_EQ(rejection(connector, "strict"), "strict refuses");
+}
+
+// A delivery racing with its provider's removal either passes through it or is told that it is
+// not added; nothing else, and no data race (the sanitizers judge).
+TEST(Connector, DeliveriesAndNamesAreSafeWhileProvidersComeAndGo) {
+  host::Connector connector;
+  connector.addServiceProvider("echo", std::make_shared<EchoServiceProvider>());
+  connector.setRoute("x", {"passing"});
+  std::thread churn([&connector] {
+    for (int i = 0; i < 300; ++i) {
+      connector.addServiceProvider("passing", std::make_shared<EchoServiceProvider>());
+      connector.removeServiceProvider("passing");
+    }
+  });
+  for (int i = 0; i < 300; ++i) {
+    EXPECT_EQ(connector.getServiceProviderNames().count("echo"), 1u);
+    EXPECT_THAT(rejection(connector, "x"),
+                ::testing::AnyOf(
+                    "delivered",
+                    "the chain for address \"x\" names service provider \"passing\", which is not added"));
+  }
+  churn.join();
+}
+
+// ---- Configuration store ----
+
+// Records the int values it receives and requests only what the test asks for. No lock guards
+// `values`: two deliveries at once would be a data race for ThreadSanitizer to report.
+class RecordingSubscriber : public reactive_streams::SubscriberAPI<ConfigValue> {
+ public:
+  std::vector<int> values;  // read by the test only while no delivery runs
+  int cancelAt = -1;        // onNext cancels the subscription once it has recorded this value
+
+  void onSubscribe(const std::shared_ptr<reactive_streams::Subscription>& s) override { subscription_ = s; }
+  void onNext(ConfigValue&& value) override {
+    values.push_back(boost::get<int>(value));
+    if (values.back() == cancelAt) {
+      cancel();
+    }
+  }
+  void onComplete() override { ADD_FAILURE() << "a configuration stream never completes"; }
+  void onError(std::exception_ptr) override { ADD_FAILURE() << "a configuration stream never fails"; }
+  Future<bool> getFuture() override { return makeResolvedFuture(true); }
+
+  void request(std::uint64_t count) { subscription_.lock()->request(count); }
+  void cancel() { subscription_.lock()->cancel(); }
+
+ private:
+  std::weak_ptr<reactive_streams::Subscription> subscription_;  // set by subscribe(), before any value
+};
+
+std::shared_ptr<RecordingSubscriber> subscribe(host::ConfigurationStore& store, const std::string& key,
+                                               std::uint64_t demand) {
+  auto subscriber = std::make_shared<RecordingSubscriber>();
+  store.observe(key)->subscribe(subscriber);
+  subscriber->request(demand);
+  return subscriber;
+}
+
+// "default" is the lowest layer, so an operator's value set before a provider writes its default
+// stays in force; among the other labels the one set most recently wins.
+TEST(ConfigurationStore, DefaultIsTheLowestLayerAndTheNewestOtherLabelWins) {
+  host::ConfigurationStore store;
+  // What set() answers, then the key's effective label and value.
+  const auto set = [&store](const std::string& key, int value, const std::string& label) {
+    const std::string answer = store.set(key, value, label).get() ? "taken, " : "kept, ";
+    const auto entry = store.get(key);
+    return answer + entry->label + "=" + std::to_string(boost::get<int>(entry->value));
+  };
+  EXPECT_EQ(set("x", 1, "default"), "taken, default=1");
+  EXPECT_EQ(set("y", 2, "operator"), "taken, operator=2");
+  EXPECT_EQ(set("y", 3, "default"), "kept, operator=2");
+  EXPECT_EQ(set("y", 4, "a"), "taken, a=4");
+  EXPECT_THROW(store.set("", 1, "default").get(), std::invalid_argument);
+  EXPECT_THROW(store.set("k", 1, "").get(), std::invalid_argument);
+}
+
+// The current value first, then each change of the effective value in order, each only when
+// requested (request(0) asks for nothing); after cancel(), from outside or from inside onNext,
+// nothing more.
+TEST(ConfigurationStore, ASubscriptionGetsTheCurrentValueThenEachChangeAsRequestedUntilCancelled) {
+  host::ConfigurationStore store;
+  store.set("k", 1, "default");
+  auto subscriber = subscribe(store, "k", 0);
+  EXPECT_TRUE(subscriber->values.empty()) << "nothing before demand";
+  subscriber->request(1);
+  store.set("k", 2, "operator");
+  store.set("k", 2, "other");    // same effective value: nothing to deliver
+  store.set("k", 9, "default");  // hidden under "other": nothing to deliver
+  store.set("k", 3, "other");
+  store.set("elsewhere", 7, "default");
+  EXPECT_EQ(subscriber->values, (std::vector<int>{1}));
+  subscriber->request(1);
+  EXPECT_EQ(subscriber->values, (std::vector<int>{1, 2}));
+  subscriber->request(UINT64_MAX);
+  store.set("k", 4, "other");
+  EXPECT_EQ(subscriber->values, (std::vector<int>{1, 2, 3, 4}));
+
+  auto inside = subscribe(store, "k", UINT64_MAX);
+  inside->cancelAt = 5;
+  store.set("k", 5, "other");
+  subscriber->cancel();
+  store.set("k", 6, "other");
+  EXPECT_EQ(subscriber->values, (std::vector<int>{1, 2, 3, 4, 5}));
+  EXPECT_EQ(inside->values, (std::vector<int>{4, 5}));
+}
+
+// Setters on several threads while subscribers come and go: a subscriber that stays sees each
+// thread's values in that thread's order and ends on the effective value.
+TEST(ConfigurationStore, ConcurrentSettersAndSubscribersSeeEachThreadsChangesInOrder) {
+  host::ConfigurationStore store;
+  auto steady = subscribe(store, "k", UINT64_MAX);
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 3; ++t) {
+    threads.emplace_back([&store, t] {
+      for (int i = 1; i <= 300; ++i) {
+        store.set("k", t * 1000 + i, "thread" + std::to_string(t));
+        subscribe(store, "k", UINT64_MAX)->cancel();
+      }
+    });
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  std::vector<int> last(3, 0);
+  for (int value : steady->values) {
+    EXPECT_GT(value % 1000, last[value / 1000]) << "a thread's values arrived out of order";
+    last[value / 1000] = value % 1000;
+  }
+  EXPECT_EQ(steady->values.back(), boost::get<int>(store.get("k")->value));
+}
+
+// ---- Command registry ----
+
+// A command "Does NAME." whose handler answers how many arguments it was given.
+administration::Command command(
+    const std::string& name, std::uint8_t min = 0, std::uint8_t max = 0,
+    administration::CommandHandler handler = [](Arguments&& a) { return std::to_string(a.size()); }) {
+  return administration::Command{name, "Does " + name + ".", std::move(handler), min, max};
+}
+
+// What execute() answered, with "error: " before the text of a failed result.
+std::string outcome(const host::CommandRegistry& registry, const std::string& name,
+                    std::size_t arguments = 0) {
+  const host::CommandRegistry::Result result = registry.execute(name, Arguments(arguments, "x"));
+  return (result.succeeded ? "" : "error: ") + result.text;
+}
+
+// A call that cannot run, or whose handler throws, comes back as an error text naming the
+// command and what was wrong; a count within the bounds (both included) reaches the handler.
+TEST(CommandRegistry, BadCallsAndFailingHandlersBecomeErrorTexts) {
+  for (const auto& [min, max, given, answer] : std::vector<std::tuple<int, int, int, std::string>>{
+           {0, 0, 1, "error: command \"c\" takes no arguments, but was given 1"},
+           {1, 1, 0, "error: command \"c\" takes exactly 1 argument, but was given 0"},
+           {2, 2, 3, "error: command \"c\" takes exactly 2 arguments, but was given 3"},
+           {0, 1, 2, "error: command \"c\" takes 0 to 1 arguments, but was given 2"},
+           {1, 255, 0, "error: command \"c\" takes at least 1 argument, but was given 0"},
+           {0, 255, 256, "error: command \"c\" takes at most 255 arguments, but was given 256"},
+           {1, 1, 1, "1"},
+           {0, 255, 255, "255"}}) {
+    host::CommandRegistry registry;
+    registry.registerCommand(command("c", min, max));
+    EXPECT_EQ(outcome(registry, "c", given), answer);
+  }
+  host::CommandRegistry registry;
+  registry.registerCommand(
+      command("bad", 0, 0, [](Arguments&&) -> std::string { throw std::invalid_argument("no"); }));
+  registry.registerCommand(command("odd", 0, 0, [](Arguments&&) -> std::string { throw 42; }));
+  EXPECT_EQ(outcome(registry, "nope"), "error: unknown command \"nope\"; \"help\" lists the commands");
+  EXPECT_EQ(outcome(registry, "bad"), "error: command \"bad\" failed: no");
+  EXPECT_EQ(outcome(registry, "odd"),
+            "error: command \"odd\" failed with an exception that is not a std::exception");
+}
+
+// A duplicate, "help" included, is refused with false and the first command stays; a malformed
+// record is rejected; "help" cannot be withdrawn.
+TEST(CommandRegistry, RegistrationKeepsTheFirstCommandOfAName) {
+  host::CommandRegistry registry;
+  EXPECT_TRUE(registry.registerCommand(command("a")).get());
+  EXPECT_FALSE(registry.registerCommand(command("a", 1, 1)).get());
+  EXPECT_FALSE(registry.registerCommand(command("help")).get());
+  EXPECT_EQ(outcome(registry, "a"), "0");
+  EXPECT_THROW(registry.registerCommand(command("")).get(), std::invalid_argument);
+  EXPECT_THROW(registry.registerCommand(command("x", 0, 0, nullptr)).get(), std::invalid_argument);
+  EXPECT_THROW(registry.registerCommand(command("x", 2, 1)).get(), std::invalid_argument);
+  EXPECT_FALSE(registry.unregisterCommand("help").get());
+  EXPECT_TRUE(registry.unregisterCommand("a").get());
+  EXPECT_FALSE(registry.unregisterCommand("a").get());
+}
+
+TEST(CommandRegistry, HelpListsEveryCommandWithItsDescriptionByName) {
+  host::CommandRegistry registry;
+  registry.registerCommand(command("connector.b"));
+  registry.registerCommand(command("connector.alpha"));
+  EXPECT_EQ(outcome(registry, "help"),
+            "connector.alpha  Does connector.alpha.\n"
+            "connector.b      Does connector.b.\n"
+            "help             List every command with its description.\n");
+}
+
+}  // namespace
+}  // namespace connector
