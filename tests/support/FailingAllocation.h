@@ -1,12 +1,12 @@
-// Replaces the global allocation functions of a test binary, so that a test can count the
-// allocations made on its own thread and make a chosen one of them fail with std::bad_alloc.
+// Replaces the global operator new of a test binary, so that a test can count the allocations
+// made on its own thread and make a chosen one of them fail with std::bad_alloc.
 //
-// Include from exactly one source file per test binary: it defines the replaceable operator new
-// and operator delete, which the shared library under test also resolves to. Everything is
-// per thread, so allocations made by other threads (the test framework's included) are neither
-// counted nor failed. Every form is replaced and all go through malloc/free, so the sanitizers
-// still see matching pairs. The deletes are kept out of line: inlined into a caller, g++ would
-// take their free() for a mismatch with the operator new that made the pointer.
+// Include from exactly one source file per test binary: the shared library under test resolves
+// operator new to this one too. Everything is per thread, so allocations made by other threads
+// (the test framework's included) are neither counted nor failed. The matching deletes use free()
+// and are kept out of line: inlined into a caller, g++ would take their free() for a mismatch with
+// the operator new that made the pointer. The other forms (arrays, nothrow) keep the library's
+// own pairs, which either call these or are both replaced by a sanitizer.
 #pragma once
 
 #include <cstddef>
@@ -18,14 +18,6 @@ namespace testing {
 namespace allocation_detail {
 inline thread_local long count = 0;
 inline thread_local long failCountdown = 0;  // 0: never fail
-
-inline void* allocate(std::size_t size) {
-  ++count;
-  if (failCountdown > 0 && --failCountdown == 0) {
-    return nullptr;
-  }
-  return std::malloc(size == 0 ? 1 : size);
-}
 }  // namespace allocation_detail
 
 // Operator new calls made on this thread so far.
@@ -39,11 +31,7 @@ inline void failAllocation(long n) {
 }
 
 // Disarms failAllocation() when a test leaves early.
-class NoAllocationFailureOnExit {
- public:
-  NoAllocationFailureOnExit() = default;
-  NoAllocationFailureOnExit(const NoAllocationFailureOnExit&) = delete;
-  NoAllocationFailureOnExit& operator=(const NoAllocationFailureOnExit&) = delete;
+struct NoAllocationFailureOnExit {
   ~NoAllocationFailureOnExit() { allocation_detail::failCountdown = 0; }
 };
 
@@ -51,35 +39,17 @@ class NoAllocationFailureOnExit {
 }  // namespace connector
 
 void* operator new(std::size_t size) {
-  if (void* p = connector::testing::allocation_detail::allocate(size)) {
-    return p;
+  using namespace connector::testing::allocation_detail;
+  ++count;
+  void* p = failCountdown > 0 && --failCountdown == 0 ? nullptr : std::malloc(size == 0 ? 1 : size);
+  if (p == nullptr) {
+    throw std::bad_alloc();
   }
-  throw std::bad_alloc();
-}
-void* operator new[](std::size_t size) {
-  return ::operator new(size);
-}
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-  return connector::testing::allocation_detail::allocate(size);
-}
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
-  return connector::testing::allocation_detail::allocate(size);
+  return p;
 }
 [[gnu::noinline]] void operator delete(void* p) noexcept {
   std::free(p);
 }
-[[gnu::noinline]] void operator delete[](void* p) noexcept {
-  std::free(p);
-}
 [[gnu::noinline]] void operator delete(void* p, std::size_t) noexcept {
-  std::free(p);
-}
-[[gnu::noinline]] void operator delete[](void* p, std::size_t) noexcept {
-  std::free(p);
-}
-[[gnu::noinline]] void operator delete(void* p, const std::nothrow_t&) noexcept {
-  std::free(p);
-}
-[[gnu::noinline]] void operator delete[](void* p, const std::nothrow_t&) noexcept {
   std::free(p);
 }

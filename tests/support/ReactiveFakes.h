@@ -16,8 +16,6 @@
 #include <functional>
 #include <memory>
 #include <mutex>
-#include <stdexcept>
-#include <string>
 #include <utility>
 #include <vector>
 
@@ -41,7 +39,6 @@ class FakeSubscription : public reactive_streams::Subscription {
       onRequest(count);
     }
   }
-
   void cancel() override {
     cancels_.fetch_add(1);
     if (onCancel) {
@@ -53,10 +50,6 @@ class FakeSubscription : public reactive_streams::Subscription {
   std::vector<std::uint64_t> requests() const {
     std::lock_guard<std::mutex> lock(mutex_);
     return requests_;
-  }
-  std::size_t requestCount() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return requests_.size();
   }
   int cancelCount() const { return cancels_.load(); }
 
@@ -81,51 +74,34 @@ class FakePublisher : public reactive_streams::Publisher<T> {
     if (subscribeFailure) {
       std::rethrow_exception(subscribeFailure);
     }
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      subscribers_.push_back(subscriber);
-    }
+    std::unique_lock<std::mutex> lock(mutex_);
+    subscribers_.push_back(subscriber);
+    lock.unlock();
     if (onSubscribed) {
       onSubscribed(subscriber);
     }
   }
 
-  std::size_t subscriberCount() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return subscribers_.size();
-  }
-
+  std::size_t subscriberCount() const { return snapshot().size(); }
   // The index-th subscriber handed to subscribe(); throws std::out_of_range if there is none.
-  SubscriberPtr subscriber(std::size_t index = 0) const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (index >= subscribers_.size()) {
-      throw std::out_of_range("FakePublisher has " + std::to_string(subscribers_.size()) +
-                              " subscribers, so there is none at index " + std::to_string(index));
-    }
-    return subscribers_[index];
-  }
-
+  SubscriberPtr subscriber(std::size_t index = 0) const { return snapshot().at(index); }
   // Drops the publisher's hold on every subscriber, as a publisher does once a stream has ended.
   void releaseSubscribers() {
     std::vector<SubscriberPtr> released;
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      released.swap(subscribers_);
-    }
+    std::lock_guard<std::mutex> lock(mutex_);
+    released.swap(subscribers_);
   }
 
-  // Signals onSubscribe to the index-th subscriber with a fresh FakeSubscription and returns
-  // that subscription (the publisher's only strong reference to it is the one returned).
-  std::shared_ptr<FakeSubscription> sendSubscribe(std::size_t index = 0) {
+  // Signals onSubscribe to the first subscriber with a fresh FakeSubscription and returns that
+  // subscription (the publisher's only strong reference to it is the one returned).
+  std::shared_ptr<FakeSubscription> sendSubscribe() {
     auto subscription = std::make_shared<FakeSubscription>();
-    subscriber(index)->onSubscribe(subscription);
+    subscriber()->onSubscribe(subscription);
     return subscription;
   }
-  void sendNext(T value, std::size_t index = 0) { subscriber(index)->onNext(std::move(value)); }
-  void sendComplete(std::size_t index = 0) { subscriber(index)->onComplete(); }
-  void sendError(std::exception_ptr error, std::size_t index = 0) {
-    subscriber(index)->onError(std::move(error));
-  }
+  void sendNext(T value) { subscriber()->onNext(std::move(value)); }
+  void sendComplete() { subscriber()->onComplete(); }
+  void sendError(std::exception_ptr error) { subscriber()->onError(std::move(error)); }
 
   // Sends a copy of `value` to every subscriber recorded now, in order of subscription.
   void publish(const T& value) {
