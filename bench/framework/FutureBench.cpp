@@ -7,10 +7,8 @@
 #include <boost/thread/future.hpp>
 
 #include <atomic>
-#include <cstdlib>
 #include <future>
 #include <memory>
-#include <new>
 #include <optional>
 #include <thread>
 
@@ -18,49 +16,22 @@
 #include "framework/Future.h"
 #include "framework/ServiceProvider.h"
 #include "services/EchoServiceProvider.h"
-
-namespace {
-
-// Per thread, so that counting adds no shared atomic to the figures it sits beside.
-thread_local long allocations = 0;
-
-}  // namespace
-
-void* operator new(std::size_t size) {
-  ++allocations;
-  if (void* p = std::malloc(size == 0 ? 1 : size)) {
-    return p;
-  }
-  throw std::bad_alloc();
-}
-void* operator new[](std::size_t size) {
-  return ::operator new(size);
-}
-[[gnu::noinline]] void operator delete(void* p) noexcept {
-  std::free(p);
-}
-[[gnu::noinline]] void operator delete[](void* p) noexcept {
-  std::free(p);
-}
-[[gnu::noinline]] void operator delete(void* p, std::size_t) noexcept {
-  std::free(p);
-}
-[[gnu::noinline]] void operator delete[](void* p, std::size_t) noexcept {
-  std::free(p);
-}
+#include "tests/support/FailingAllocation.h"
 
 namespace {
 
 using connector::Message;
 using MessagePtr = std::unique_ptr<Message>;
+using connector::testing::allocationsOnThisThread;
 
 // Reports the allocations made on this thread (plus `elsewhere`) since construction.
 class AllocationCounter {
  public:
-  explicit AllocationCounter(benchmark::State& state) : state_(state), start_(allocations) {}
+  explicit AllocationCounter(benchmark::State& state) : state_(state), start_(allocationsOnThisThread()) {}
   void report(long elsewhere = 0) {
-    state_.counters["allocs"] = benchmark::Counter(static_cast<double>(allocations - start_ + elsewhere),
-                                                   benchmark::Counter::kAvgIterations);
+    state_.counters["allocs"] =
+        benchmark::Counter(static_cast<double>(allocationsOnThisThread() - start_ + elsewhere),
+                           benchmark::Counter::kAvgIterations);
   }
 
  private:
@@ -157,12 +128,12 @@ class Resolver {
 
  private:
   void run() {
-    const long start = ::allocations;
+    const long start = allocationsOnThisThread();
     while (!stop_.load(std::memory_order_acquire)) {
       if (full_.load(std::memory_order_acquire)) {
         resolve_(*promise_, std::move(message_));
         promise_.reset();
-        allocations_.store(::allocations - start, std::memory_order_release);
+        allocations_.store(allocationsOnThisThread() - start, std::memory_order_release);
         full_.store(false, std::memory_order_release);
       } else {
         std::this_thread::yield();  // a busy machine needs the core for the waiting side
