@@ -1,11 +1,11 @@
 // A recording configuration store, for tests of the code that writes and follows configuration
 // keys.
 //
-// FakeConfiguration records every set() and observe() in order of arrival. observe() hands out
-// one FakePublisher per key; each subscriber it receives is sent onSubscribe at once with a
-// FakeSubscription whose cancel() is recorded, so a test sees which keys were cancelled and in
-// which order. send() pushes any ConfigValue to the subscribers of a key, on the calling thread;
-// an exception of a subscriber's onNext reaches the caller of send().
+// FakeConfiguration records every set() and observe() in order of arrival. Each subscriber of a
+// key is sent onSubscribe at once with a FakeSubscription whose cancel() is recorded, so a test
+// sees which keys were cancelled and in which order. send() pushes any ConfigValue to the
+// subscribers of a key on the calling thread; an exception of a subscriber's onNext reaches the
+// caller of send().
 //
 // Threads: every member may be called from any thread, concurrently. failObserveOf is set before
 // the fake is shared.
@@ -15,6 +15,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -28,6 +29,7 @@ namespace testing {
 class FakeConfiguration : public configuration::Configuration {
  public:
   using ConfigValue = configuration::ConfigValue;
+  using Publisher = FakePublisher<ConfigValue>;
 
   struct Call {
     std::string operation;  // "set" or "observe"
@@ -40,17 +42,19 @@ class FakeConfiguration : public configuration::Configuration {
   std::optional<std::string> failObserveOf;
 
   Future<bool> set(const std::string& key, ConfigValue value, const std::string& label) override {
-    record(Call{"set", key, std::move(value), label});
+    std::lock_guard<std::mutex> lock(mutex_);
+    calls_.push_back(Call{"set", key, std::move(value), label});
     return makeResolvedFuture(true);
   }
 
   std::shared_ptr<reactive_streams::Publisher<ConfigValue>> observe(const std::string& key) override {
-    record(Call{"observe", key, std::nullopt, {}});
+    std::lock_guard<std::mutex> lock(mutex_);
+    calls_.push_back(Call{"observe", key, std::nullopt, {}});
     if (failObserveOf == key) {
       throw std::runtime_error("observe failed");
     }
-    auto publisher = std::make_shared<FakePublisher<ConfigValue>>();
-    publisher->onSubscribed = [this, key](const FakePublisher<ConfigValue>::SubscriberPtr& subscriber) {
+    auto publisher = std::make_shared<Publisher>();
+    publisher->onSubscribed = [this, key](const Publisher::SubscriberPtr& subscriber) {
       auto subscription = std::make_shared<FakeSubscription>();
       subscription->onCancel = [this, key] {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -62,14 +66,13 @@ class FakeConfiguration : public configuration::Configuration {
       }
       subscriber->onSubscribe(subscription);
     };
-    std::lock_guard<std::mutex> lock(mutex_);
     publishers_[key].push_back(publisher);
     return publisher;
   }
 
   // Sends `value` to every subscriber of `key`.
   void send(const std::string& key, const ConfigValue& value) {
-    std::vector<std::shared_ptr<FakePublisher<ConfigValue>>> targets;
+    std::vector<std::shared_ptr<Publisher>> targets;
     {
       std::lock_guard<std::mutex> lock(mutex_);
       targets = publishers_[key];
@@ -91,17 +94,11 @@ class FakeConfiguration : public configuration::Configuration {
   }
 
  private:
-  void record(Call call) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    calls_.push_back(std::move(call));
-  }
-
   mutable std::mutex mutex_;
-  std::vector<Call> calls_;  // guarded by mutex_
-  std::map<std::string, std::vector<std::shared_ptr<FakePublisher<ConfigValue>>>>
-      publishers_;                                                // guarded by mutex_
-  std::vector<std::shared_ptr<FakeSubscription>> subscriptions_;  // guarded by mutex_
-  std::vector<std::string> cancelled_;                            // guarded by mutex_
+  std::vector<Call> calls_;                                                    // guarded by mutex_
+  std::map<std::string, std::vector<std::shared_ptr<Publisher>>> publishers_;  // guarded by mutex_
+  std::vector<std::shared_ptr<FakeSubscription>> subscriptions_;               // guarded by mutex_
+  std::vector<std::string> cancelled_;                                         // guarded by mutex_
 };
 
 }  // namespace testing

@@ -1,8 +1,8 @@
 // A delivery context whose answer the test decides, for tests of providers that pass requests on.
 //
 // FakeContext::forward() counts its calls, keeps the address it was given and returns whatever
-// its Answer makes of the message: the answers below cover an echo, a rejection, a throw, a
-// cancelled, invalid, already claimed or unknown future, and a future the test settles itself.
+// its Answer makes of the message: the answers below cover an echo, a rejection, a throw, and a
+// cancelled, invalid, already claimed or unknown future.
 //
 // Threads: forward() may be called from any thread, concurrently; the answer runs on the calling
 // thread with no lock held. The answer is set before the context is shared.
@@ -13,7 +13,6 @@
 #include <functional>
 #include <memory>
 #include <mutex>
-#include <string>
 #include <utility>
 
 #include "framework/Future.h"
@@ -56,19 +55,18 @@ inline Answer echoing() {
   return [](MessagePtr&& message) { return makeResolvedFuture(std::move(message)); };
 }
 
-// Resolved with what `make` returns; the request is dropped.
-inline Answer answeringWith(std::function<MessagePtr()> make) {
-  return [make](MessagePtr&&) { return makeResolvedFuture(make()); };
+// A settled future whose shared state `settle` prepares; the request is dropped.
+inline Answer settledBy(std::function<void(detail::SharedFutureState<MessagePtr>&)> settle) {
+  return [settle](MessagePtr&&) {
+    auto state = std::make_shared<detail::SharedFutureState<MessagePtr>>();
+    settle(*state);
+    return Future<MessagePtr>(state);
+  };
 }
 
 // Rejected with `error`, stored as it is.
 inline Answer rejecting(std::exception_ptr error) {
-  return [error](MessagePtr&&) {
-    Promise<MessagePtr> promise;
-    Future<MessagePtr> future = promise.getFuture();
-    promise.reject(error);
-    return future;
-  };
+  return settledBy([error](auto& state) { state.rejectFresh(error); });
 }
 
 // forward() itself throws `error`.
@@ -77,12 +75,7 @@ inline Answer throwing(std::exception_ptr error) {
 }
 
 inline Answer cancelled() {
-  return [](MessagePtr&&) {
-    Promise<MessagePtr> promise;
-    Future<MessagePtr> future = promise.getFuture();
-    future.cancel();
-    return future;
-  };
+  return settledBy([](auto& state) { state.status.store(detail::Status::Cancelled); });
 }
 
 // A handle whose `valid` flag is false.
@@ -96,18 +89,15 @@ inline Answer invalid() {
 
 // A future whose value was already taken by get().
 inline Answer alreadyRetrieved() {
-  return [](MessagePtr&& message) {
-    Future<MessagePtr> future = makeResolvedFuture(std::move(message));
-    std::lock_guard<std::mutex> lock(future.state->mutex);
-    future.state->valueRetrieved = true;
-    return Future<MessagePtr>(future.state);
-  };
+  return settledBy([](auto& state) {
+    state.resolveFresh(MessagePtr());
+    state.valueRetrieved = true;
+  });
 }
 
 // A pending future with a continuation attached.
 inline Answer withContinuation() {
   return [](MessagePtr&&) {
-    // No promise: the state stays Pending, so the continuation stays attached.
     auto state = std::make_shared<detail::SharedFutureState<MessagePtr>>();
     Future<MessagePtr>(state).then([](Future<MessagePtr>) {});
     return Future<MessagePtr>(state);
@@ -116,11 +106,7 @@ inline Answer withContinuation() {
 
 // A settled future whose status is none of the four known codes.
 inline Answer unknownStatus() {
-  return [](MessagePtr&&) {
-    auto state = std::make_shared<detail::SharedFutureState<MessagePtr>>();
-    state->status.store(static_cast<detail::Status>(7));
-    return Future<MessagePtr>(state);
-  };
+  return settledBy([](auto& state) { state.status.store(static_cast<detail::Status>(7)); });
 }
 
 }  // namespace testing
