@@ -6,14 +6,11 @@
 #include <algorithm>
 #include <cstdlib>
 
-namespace connector {
-namespace testing {
+namespace connector::testing {
 
 inline int stressCount(int full) {
   const char* text = std::getenv("CONNECTOR_STRESS_SCALE");
-  const double scale = text != nullptr ? std::atof(text) : 1.0;
-  return std::max(1, static_cast<int>(full * scale));
+  return std::max(1, static_cast<int>(full * (text != nullptr ? std::atof(text) : 1.0)));
 }
 
-}  // namespace testing
-}  // namespace connector
+}  // namespace connector::testing

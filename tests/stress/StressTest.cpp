@@ -1,0 +1,361 @@
+// Many threads and many repeats, judged by the sanitizers as much as by the tests' own checks:
+// promise/future hand-offs, the logging service provider under load, and the command handlers
+// while the process log changes.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cstdio>
+#include <exception>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+#include "commands/ConnectorCommandProvider.h"
+#include "commands/LoggingCommandProvider.h"
+#include "foundation/log/Log.h"
+#include "framework/Configuration.h"
+#include "framework/Future.h"
+#include "services/EchoServiceProvider.h"
+#include "services/LoggingServiceProvider.h"
+#include "tests/stress/StressCounts.h"
+#include "tests/support/CountedMessage.h"
+#include "tests/support/FakeAdministration.h"
+#include "tests/support/FakeConfiguration.h"
+#include "tests/support/FakeConnector.h"
+#include "tests/support/FakeContext.h"
+#include "tests/support/TempDirectory.h"
+
+namespace connector {
+namespace {
+
+namespace log = foundation::log;
+using common_services::LoggingServiceProvider;
+using configuration::ConfigValue;
+using testing::CountedMessage;
+using testing::FakeConfiguration;
+using testing::MessagePtr;
+using testing::stressCount;
+using testing::TempDirectory;
+using namespace std::string_literals;
+
+// ---- Promise/future hand-offs
+
+// Takes the consumer's future and checks what its get() gives: "message TEXT" for a CountedMessage,
+// else the text of what it throws. The future goes the moment get() returns. Counts mismatches and
+// reports the first, from any thread.
+void expectOutcome(std::atomic<int>& mismatches, const std::string& expected, Future<MessagePtr>&& future) {
+  std::string actual;
+  try {
+    MessagePtr value = Future<MessagePtr>(std::move(future)).get();
+    auto* counted = dynamic_cast<CountedMessage*>(value.get());
+    actual = counted ? "message " + counted->text() : "not the message sent";
+  } catch (const std::runtime_error& e) {
+    actual = e.what();
+  }
+  if (actual != expected && mismatches.fetch_add(1) == 0) {
+    ADD_FAILURE() << "expected \"" << expected << "\", got \"" << actual << "\"";
+  }
+}
+
+enum Settle { kResolve, kReject, kBreak, kCancel };
+
+// Waits until a get() on the promise's state waits, then settles the state as `how` says and lets
+// go of the promise at once. get() marks the value claimed and waits without letting go of the
+// mutex in between, so a mark seen under the mutex means the consumer is inside the wait.
+void produce(Promise<MessagePtr> promise, Settle how, int number) {
+  for (auto& state = *promise.state;; std::this_thread::yield()) {  // the lock goes before each yield
+    std::lock_guard<std::mutex> lock(state.mutex);
+    if (state.valueRetrieved) {
+      break;
+    }
+  }
+  if (how == kResolve) {
+    promise.resolve(std::make_unique<CountedMessage>(std::to_string(number)));
+  } else if (how == kReject) {
+    // Made in a statement of its own: libstdc++'s runtime_error shares its text with the
+    // temporary it is copied from, and that sharing must end before another thread sees it.
+    std::exception_ptr error = std::make_exception_ptr(std::runtime_error("round " + std::to_string(number)));
+    promise.reject(std::move(error));
+  } else if (how == kCancel) {
+    Future<MessagePtr>(promise.state).cancel();  // a second handle, as a canceller would hold one
+  }
+}  // an unsettled promise breaks here
+
+struct Round {
+  Promise<MessagePtr> promise;
+  Future<MessagePtr> future = promise.getFuture();
+};
+
+// Two threads take turns: in each round one blocks in get() and the other, once it is blocked,
+// resolves, rejects, breaks or cancels. The consumer drops its future the moment get() returns and
+// the producer its promise the moment it has settled, so the state dies on whichever thread is
+// last, possibly while the other is still inside its notify. Every outcome arrives whole, and
+// every message sent is deleted once.
+TEST(PromiseFutureHandoff, EveryOutcomeReachesABlockedGetWhicheverSideLetsGoFirst) {
+  const int rounds = 2 * stressCount(100000);  // round trips each way
+  const int batch = 5000;
+  const long messagesBefore = CountedMessage::alive();
+  std::atomic<int> mismatches{0};
+  for (int first = 0; first < rounds; first += batch) {
+    std::vector<Round> handoffs(std::min(batch, rounds - first));
+    const auto play = [&](int self) {
+      for (int number = first; number < first + static_cast<int>(handoffs.size()); ++number) {
+        const auto how = static_cast<Settle>(number / 2 % 4);  // each kind consumed on both threads
+        if (number % 2 != self) {
+          produce(std::move(handoffs[number - first].promise), how, number);
+          continue;
+        }
+        const std::string n = std::to_string(number);
+        const std::string expected[] = {"message " + n, "round " + n,
+                                        "Promise destroyed before it provided a value.",
+                                        "Future has been cancelled."};
+        expectOutcome(mismatches, expected[how], std::move(handoffs[number - first].future));
+      }
+    };
+    std::thread other(play, 1);
+    play(0);
+    other.join();
+  }
+  EXPECT_EQ(CountedMessage::alive(), messagesBefore);
+}
+
+// A message that runs an action when it is deleted.
+struct ActionMessage : CountedMessage {
+  explicit ActionMessage(std::function<void()> run) : action(std::move(run)) {}
+  ~ActionMessage() override { action(); }
+  std::function<void()> action;
+};
+
+// Dropping the last future of a state deletes the message inside it. Here that message settles the
+// next state of a chain, whose own message settles the next, and the last one wakes a thread
+// blocked in get(). So states are locked and settled from inside a state's destructor while
+// another thread waits on one: ThreadSanitizer reports any lock-order inversion, and the chain must
+// still deliver.
+TEST(PromiseFutureTeardown, MessagesThatSettleOtherFuturesMayDieInsideAStateDestructor) {
+  const int repeats = stressCount(1000);
+  const long messagesBefore = CountedMessage::alive();
+  std::atomic<int> mismatches{0};
+  for (int round = 0; round < repeats; ++round) {
+    Promise<MessagePtr> last;
+    Future<MessagePtr> end = last.getFuture();
+    // Each promise lives in the action of the message that settles it, so a state's only owner is
+    // the promise the previous message holds, and the cascade runs in nested destructors.
+    std::function<void()> action = [promise = std::make_shared<Promise<MessagePtr>>(std::move(last)), round] {
+      promise->resolve(std::make_unique<CountedMessage>(std::to_string(round)));
+    };
+    for (int k = 0; k < 8; ++k) {
+      action = [promise = std::make_shared<Promise<MessagePtr>>(), next = std::move(action)] {
+        promise->resolve(std::make_unique<ActionMessage>(next));
+      };
+    }
+    std::thread waiter(
+        [&] { expectOutcome(mismatches, "message " + std::to_string(round), std::move(end)); });
+    // The head state dies at the end of this statement, and the chain inside it.
+    makeResolvedFuture<MessagePtr>(std::make_unique<ActionMessage>(std::move(action)));
+    waiter.join();
+  }
+  EXPECT_EQ(CountedMessage::alive(), messagesBefore);
+}
+
+// ---- The logging service provider under load
+
+// Four threads send requests through a logging provider in front of an echo service while a fifth
+// flips enabled, filter and prefix. Every answer is the message that was sent, every message is
+// deleted once, every line is whole, and the logged requests are numbered 0..K-1, each number in
+// exactly one request line and exactly one response line.
+TEST(LoggingServiceProviderUnderLoad, ConcurrentRequestsAndSettingChangesLoseNothing) {
+  const int threads = 4;
+  const int requestsPerThread = stressCount(50000);
+  const int flips = stressCount(10000);
+  const long messagesBefore = CountedMessage::alive();
+  const char* const keys[] = {"svc.enabled", "svc.filter", "svc.prefix"};
+  const std::vector<ConfigValue> values[] = {
+      {false, true, true},
+      {""s, "connector::testing::Count"s, "connector::testing::CountedMessage"s, "nothing"s},
+      {""s, "[svc] "s, "P"s}};
+  auto configuration = std::make_shared<FakeConfiguration>();
+  std::ostringstream stream;
+  LoggingServiceProvider provider(configuration, "svc", stream);
+  auto echo = std::make_shared<common_services::EchoServiceProvider>();
+  auto context = std::make_shared<testing::FakeContext>(
+      [echo](MessagePtr&& message) { return echo->deliver(std::move(message), Address("echo"), nullptr); });
+  std::atomic<int> wrongAnswers{0};
+  std::atomic<int> sending{threads};
+  std::vector<std::thread> running;
+  running.emplace_back([&] {
+    // Enabled, filter and prefix in turn. After the first `flips` changes it keeps flipping,
+    // gently, until the requests are done.
+    for (int i = 0; i < flips || sending.load() > 0; ++i) {
+      configuration->send(keys[i % 3], values[i % 3][i / 3 % values[i % 3].size()]);
+      if (i >= flips) {
+        std::this_thread::yield();
+      }
+    }
+  });
+  for (int t = 0; t < threads; ++t) {
+    running.emplace_back([&] {
+      for (int i = 0; i < requestsPerThread; ++i) {
+        auto message = std::make_unique<CountedMessage>();
+        const Message* sent = message.get();
+        MessagePtr answer = provider.deliver(std::move(message), Address("svc"), context).get();
+        wrongAnswers += answer.get() != sent ? 1 : 0;
+      }
+      sending.fetch_sub(1);
+    });
+  }
+  for (std::thread& thread : running) {
+    thread.join();
+  }
+  EXPECT_EQ(wrongAnswers.load(), 0) << "requests not answered with their own message";
+  EXPECT_EQ(CountedMessage::alive(), messagesBefore);
+
+  // PREFIX TIMESTAMP ": Request (N): TYPE", or ": Response (N): TYPE: elapsed time T ms"; anything
+  // else is a torn or mixed line.
+  std::vector<std::array<int, 2>> lines(threads * requestsPerThread);  // per number: requests, responses
+  std::istringstream text(stream.str());
+  for (std::string line; std::getline(text, line);) {
+    const std::size_t start = line.rfind("[svc] ", 0) == 0 ? 6 : line.rfind('P', 0) == 0 ? 1 : 0;
+    char kind[9] = "";
+    unsigned long number = 0;
+    int type = 0, end = 0;  // where the type name ends, where the elapsed time ends
+    double time = 0;
+    std::sscanf(line.c_str() + start,
+                "%lf: %8[a-zA-Z] (%lu): connector::testing::CountedMessage%n: elapsed time %lf ms%n", &time,
+                kind, &number, &type, &time, &end);
+    const int length = kind == "Response"s ? end : kind == "Request"s && end == 0 ? type : 0;
+    if (length == 0 || start + length != line.size()) {
+      ADD_FAILURE() << "a malformed line: \"" << line << "\"";
+      break;
+    }
+    ++lines.at(number)[kind == "Response"s];
+  }
+  // Numbers 0..K-1 with one line of each kind, no number after them.
+  const auto logged = std::find(lines.begin(), lines.end(), std::array<int, 2>{0, 0}) - lines.begin();
+  EXPECT_GT(logged, 0) << "nothing was logged";
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), std::array<int, 2>{1, 1}), logged);
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), std::array<int, 2>{0, 0}), lines.size() - logged);
+}
+
+// Providers come and go while the configuration's delivery thread keeps sending them values of
+// every kind; destroying one mid-stream must leave no callback running on it and let no later
+// value reach it (AddressSanitizer reports any that does). A fresh configuration per round keeps
+// each send short; the delivery thread always sends to the newest one, and may still be inside a
+// send to the previous one when its provider dies.
+TEST(LoggingServiceProviderUnderLoad, DestroyedMidStreamWhileValuesKeepArriving) {
+  const int rounds = stressCount(1000);
+  // The last three are of the wrong alternative: refused with boost::bad_get, and the stream goes on.
+  const std::vector<std::pair<std::string, ConfigValue>> values = {
+      {"svc.enabled", ConfigValue(false)}, {"svc.filter", ConfigValue("x"s)},
+      {"svc.prefix", ConfigValue(""s)},    {"svc.enabled", ConfigValue(1)},
+      {"svc.filter", ConfigValue(u"y"s)},  {"svc.prefix", ConfigValue(std::vector<std::string>{"z"})}};
+  auto configuration = std::make_shared<FakeConfiguration>();  // std::atomic_load and _store only
+  std::atomic<bool> delivering{true};
+  std::atomic<long> sent{0};
+  std::thread delivery([&] {
+    for (std::size_t i = 0; delivering.load(); ++i, sent.fetch_add(1)) {
+      try {
+        std::atomic_load(&configuration)
+            ->send(values[i % values.size()].first, values[i % values.size()].second);
+      } catch (const boost::bad_get&) {
+      }
+    }
+  });
+  for (int round = 0; round < rounds; ++round) {
+    auto fresh = std::make_shared<FakeConfiguration>();
+    std::ostringstream stream;
+    auto provider = std::make_unique<LoggingServiceProvider>(fresh, "svc", stream);
+    std::atomic_store(&configuration, fresh);
+    // Destroyed only once values have been sent to it while it was alive.
+    for (const long before = sent.load(); sent.load() < before + 3;) {
+      std::this_thread::yield();
+    }
+    provider.reset();
+  }
+  delivering.store(false);
+  delivery.join();
+}
+
+// ---- The command handlers while the process log changes
+
+// Getters only ever see a value that was set, whole; the channel lists and the service provider
+// list come out the same every time; every record written while the destination moves between
+// two files lands in exactly one of them.
+TEST(CommandHandlersUnderLoad, ConcurrentCallsWhileTheLogMovesSeeOnlyWholeSettings) {
+  const int iterations = stressCount(5000);
+  const int records = stressCount(20000);
+  const std::vector<std::string> destinations = {"file:a.log", "file:b.log"};
+  // Every specification lets the writer's info records through, so none may be lost.
+  const std::vector<std::string> specifications = {"info", "debug,connector.*=trace", "trace"};
+  TempDirectory directory;
+  log::confine_file_destinations(directory.path().string());
+  log::set_destination(destinations[0]);
+  log::set_specification(specifications[0]);
+  std::vector<log::channel> channels;  // two for the workers, then the writer's
+  for (const char* name : {"connector.stress.a", "connector.stress.b", "stress.writer"}) {
+    channels.emplace_back(name);
+  }
+  auto administration = std::make_shared<testing::FakeAdministration>();
+  common_services::LoggingCommandProvider logging(administration);
+  common_services::ConnectorCommandProvider listing(
+      std::make_shared<testing::FakeConnector>(std::set<std::string>{"alpha", "Beta"}), administration);
+  // Each query, and the answers it may give.
+  const std::vector<std::tuple<std::string, std::vector<std::string>, std::vector<std::string>>> queries = {
+      {"connector.log.getDestination", {}, destinations},
+      {"connector.log.getSpecification", {}, specifications},
+      {"connector.log.getChannels", {"connector.stress.*"}, {"connector.stress.a\nconnector.stress.b\n"}},
+      {"connector.log.getChannels", {}, {administration->run("connector.log.getChannels")}},
+      {"connector.listServiceProviders", {"any", "args"}, {"Beta\nalpha\n"}}};
+
+  std::atomic<int> wrongAnswers{0};
+  std::vector<std::thread> threads;
+  for (int self = 0; self < 4; ++self) {
+    threads.emplace_back([&, self] {
+      for (int i = 0; i < iterations; ++i) {
+        const std::size_t turn = static_cast<std::size_t>(self + i);
+        if (turn % 4 == 0) {
+          administration->run("connector.log.setDestination", {destinations[turn / 4 % 2]});
+        } else if (turn % 4 == 2) {
+          administration->run("connector.log.setSpecification", {specifications[turn / 4 % 3], "ignored"});
+        }
+        for (const auto& [command, arguments, answers] : queries) {
+          const std::string answer = administration->run(command, arguments);
+          if (std::find(answers.begin(), answers.end(), answer) == answers.end() && wrongAnswers++ == 0) {
+            ADD_FAILURE() << command << " answered \"" << answer << "\"";
+          }
+        }
+        channels[self % 2].debug("worker " + std::to_string(self) + " turn " + std::to_string(i));
+      }
+    });
+  }
+  for (int i = 0; i < records; ++i) {
+    channels[2].info("record " + std::to_string(i) + " end");
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+
+  log::set_destination("null");       // closes the files; the log stays quiet for the rest of the run
+  std::vector<int> written(records);  // per record, the lines that carry it whole
+  std::istringstream lines(TempDirectory::read(directory / "a.log") +
+                           TempDirectory::read(directory / "b.log"));
+  for (std::string line; std::getline(lines, line);) {
+    const std::size_t at = line.find("record ");
+    if (at != line.npos && line.find(" end", at) != line.npos) {
+      ++written.at(std::stoul(line.substr(at + 7)));
+    }
+  }
+  EXPECT_EQ(std::count(written.begin(), written.end(), 1), records) << "records were lost or written twice";
+}
+
+}  // namespace
+}  // namespace connector
