@@ -1,334 +1,129 @@
 // Sends random configuration values, of every alternative, to the keys of a logging service
-// provider, interleaved with deliveries, and checks the provider against a model of its three
-// settings and of the lines it writes.
+// provider, interleaved with deliveries on a stream of random format, and checks the provider
+// against a model of its three settings and of the lines it writes.
 //
-// A value is taken only by its key's own alternative (bool for ".enabled", std::string for
-// ".filter" and ".prefix"); any other is refused with boost::bad_get and changes nothing. A
-// delivery is logged when enabled and the message's type name begins with the filter; then the
-// stream holds exactly a request line and a response (or exception) line with the next request
-// number, each starting with the prefix, and otherwise nothing. The stream's format is random
-// too: the request number must come out exactly as the stream would write it, each time
-// must be a number that the same format writes back unchanged, and a pending width pads the
-// first token of the request line only.
-#include <fuzzer/FuzzedDataProvider.h>
-
-#include <cstdint>
-#include <cstdio>
+// A key takes only its own alternative (bool for ".enabled", std::string for ".filter" and
+// ".prefix"); any other is refused with boost::bad_get and changes nothing. A delivery is logged
+// when enabled and the message's type name begins with the filter: then the stream holds a
+// request line and a response (or exception) line with the next request number, each starting
+// with the prefix, and otherwise nothing. The request number comes out as the stream's format
+// writes it, each time is a number that the format writes back unchanged, and a pending width
+// pads the first token only.
 #include <cstdlib>
-#include <exception>
-#include <memory>
 #include <sstream>
-#include <stdexcept>
-#include <string>
-#include <utility>
-#include <vector>
 
-#include "framework/Configuration.h"
+#include "fuzz/FuzzInput.h"
 #include "services/LoggingServiceProvider.h"
 #include "tests/support/FakeConfiguration.h"
 #include "tests/support/FakeContext.h"
 
-namespace fuzzmsg {
+namespace msg {
 // Messages whose type names the filter is matched against.
-class Alpha : public connector::Message {};
-class AlphaBeta : public connector::Message {};
-class Gamma : public connector::Message {};
-}  // namespace fuzzmsg
+class A : public connector::Message {};
+class AB : public connector::Message {};
+}  // namespace msg
 
 namespace {
 
-using connector::Future;
-using connector::common_services::LoggingServiceProvider;
-using connector::configuration::ConfigValue;
-using connector::testing::FakeConfiguration;
-using connector::testing::FakeContext;
-using connector::testing::MessagePtr;
+namespace testing = connector::testing;
 
-const char* const kTypeNames[] = {"fuzzmsg::Alpha", "fuzzmsg::AlphaBeta", "fuzzmsg::Gamma"};
+const std::string kTypeNames[] = {"", "msg::A", "msg::AB"};  // 0: an empty message
+const char* const kKeys[] = {"svc.enabled", "svc.filter", "svc.prefix", "svc.other"};
 
-[[noreturn]] void mismatch(const std::string& what) {
-  std::fprintf(stderr, "MODEL MISMATCH: %s\n", what.c_str());
-  std::fflush(stderr);
-  std::abort();
-}
-
-#define MODEL_CHECK(ok, what) \
-  do {                        \
-    if (!(ok)) {              \
-      mismatch(what);         \
-    }                         \
-  } while (false)
-
-MessagePtr makeMessage(int type) {
-  switch (type) {
-    case 0:
-      return std::make_unique<fuzzmsg::Alpha>();
-    case 1:
-      return std::make_unique<fuzzmsg::AlphaBeta>();
-    default:
-      return std::make_unique<fuzzmsg::Gamma>();
-  }
-}
-
-// What the context answers with.
-enum class Answer { Echo, Reject, Cancel };
-
-struct Settings {
-  bool enabled = true;
-  std::string filter;
-  std::string prefix;
-};
-
-class Session {
- public:
-  explicit Session(FuzzedDataProvider& input) : input_(input) { rebuild(); }
-
+struct Session {
   void run() {
     for (int i = 0; i < 64 && input_.remaining_bytes() > 0; ++i) {
-      switch (input_.ConsumeIntegralInRange<int>(0, 5)) {
-        case 0:
-        case 1:
-          sendValue();
-          break;
-        case 2:
-        case 3:
-          deliver();
-          break;
-        case 4:
-          changeFormat();
-          break;
-        default:
-          rebuild();
-          break;
-      }
+      input_.ConsumeBool() ? send(input_.pick(4), input_.pick(12)) : deliver(input_.pick(3), input_.pick(4));
     }
   }
 
- private:
-  void rebuild() {
-    provider_.reset();
-    configuration_ = std::make_shared<FakeConfiguration>();
-    provider_ = std::make_shared<LoggingServiceProvider>(configuration_, "svc", stream_);
-    model_ = Settings{};
-    nextNumber_ = 0;
-  }
-
-  std::string text() {
-    if (input_.ConsumeBool()) {
-      return input_.ConsumeRandomLengthString(40);
-    }
-    // A piece of a type name, possibly with one byte more: the filters that select something.
-    const std::string name = kTypeNames[input_.ConsumeIntegralInRange<int>(0, 2)];
-    std::string piece = name.substr(0, input_.ConsumeIntegralInRange<std::size_t>(0, name.size()));
-    if (input_.ConsumeBool()) {
-      piece.push_back(static_cast<char>(input_.ConsumeIntegral<std::uint8_t>()));
-    }
-    return piece;
-  }
-
-  ConfigValue value(int alternative) {
-    switch (alternative) {
-      case 0:
-        return input_.ConsumeBool();
-      case 1:
-        return input_.ConsumeIntegral<int>();
-      case 2:
-        return input_.ConsumeIntegral<unsigned int>();
-      case 3:
-        return input_.ConsumeFloatingPoint<double>();
-      case 4: {
-        const std::string bytes = text();
-        return std::u16string(bytes.begin(), bytes.end());
-      }
-      case 5:
-        return text();
-      case 6:
-        return std::vector<bool>(input_.ConsumeIntegralInRange<int>(0, 3), input_.ConsumeBool());
-      case 7:
-        return std::vector<int>(input_.ConsumeIntegralInRange<int>(0, 3), input_.ConsumeIntegral<int>());
-      case 8:
-        return std::vector<unsigned int>(input_.ConsumeIntegralInRange<int>(0, 3), 1u);
-      case 9:
-        return std::vector<double>(input_.ConsumeIntegralInRange<int>(0, 3), 0.5);
-      case 10:
-        return std::vector<std::string>(input_.ConsumeIntegralInRange<int>(0, 3), text());
-      default: {
-        const std::string bytes = text();
-        return std::vector<std::u16string>(input_.ConsumeIntegralInRange<int>(0, 3),
-                                           std::u16string(bytes.begin(), bytes.end()));
-      }
-    }
-  }
-
-  void sendValue() {
-    static const char* const kKeys[] = {"svc.enabled", "svc.filter", "svc.prefix", "svc.other", "svc"};
-    const int key = input_.ConsumeIntegralInRange<int>(0, 4);
-    const int alternative = input_.ConsumeIntegralInRange<int>(0, 11);
-    const ConfigValue sent = value(alternative);
-    bool accepted = false;
-    if (key == 0 && alternative == 0) {
-      model_.enabled = boost::get<bool>(sent);
-      accepted = true;
-    } else if ((key == 1 || key == 2) && alternative == 5) {
-      (key == 1 ? model_.filter : model_.prefix) = boost::get<std::string>(sent);
-      accepted = true;
-    }
-    const bool subscribed = key <= 2;
-    bool refused = false;
-    try {
-      configuration_->send(kKeys[key], sent);
-    } catch (const boost::bad_get&) {
-      refused = true;
-    }
-    MODEL_CHECK(refused == (subscribed && !accepted),
-                std::string("a value of alternative ") + std::to_string(alternative) + " sent to " +
-                    kKeys[key] + (refused ? " was refused" : " was taken"));
+  // A value of the given alternative: numbers of 1, and strings of random bytes or of a type
+  // name's first bytes and perhaps one more (the filters that select something). A key takes it
+  // only if it is the key's own alternative.
+  void send(int key, int alternative) {
+    const std::string name = kTypeNames[1 + input_.pick(2)].substr(0, input_.pick(8));
+    const std::string bytes = input_.ConsumeBool() ? input_.ConsumeRandomLengthString(40)
+                                                   : name + input_.ConsumeRandomLengthString(1);
+    const std::u16string wide(bytes.begin(), bytes.end());
+    const bool flag = input_.ConsumeBool();
+    const auto many = [n = input_.pick(3)](auto value) { return std::vector<decltype(value)>(n, value); };
+    const connector::configuration::ConfigValue values[] = {
+        flag, 1, 1u, 1.0, wide, bytes, many(flag), many(1), many(1u), many(1.0), many(bytes), many(wide)};
+    const bool takes = (key == 0 && alternative == 0) || ((key == 1 || key == 2) && alternative == 5);
+    enabled_ = takes && key == 0 ? flag : enabled_;
+    filter_ = takes && key == 1 ? bytes : filter_;
+    prefix_ = takes && key == 2 ? bytes : prefix_;
+    const std::string refused = "throw:boost::bad_get: failed value get using boost::get";
+    fuzz::expect(kKeys[key] + std::to_string(alternative), key < 3 && !takes ? refused : "ok",
+                 fuzz::outcomeOf([&] { configuration_->send(kKeys[key], values[alternative]); }));
     MODEL_CHECK(stream_.str().empty(), "a configuration value made the provider write");
   }
 
-  void changeFormat() {
-    static const std::ios_base::fmtflags kFlags[] = {
-        std::ios_base::fixed,    std::ios_base::scientific, std::ios_base::showpos, std::ios_base::uppercase,
-        std::ios_base::showbase, std::ios_base::hex,        std::ios_base::oct,     std::ios_base::showpoint,
-        std::ios_base::left,     std::ios_base::internal};
-    std::ios_base::fmtflags flags{};
-    for (std::ios_base::fmtflags flag : kFlags) {
-      if (input_.ConsumeBool()) {
-        flags |= flag;
-      }
-    }
-    if ((flags & std::ios_base::basefield) == (std::ios_base::hex | std::ios_base::oct)) {
-      flags &= ~std::ios_base::oct;
-    }
-    stream_.flags(flags);
+  // A message of type 0 (none), 1 or 2 on a stream of random format, answered with itself (0),
+  // rejected (1), cancelled (2) or in an unknown status (3).
+  void deliver(int type, int answer) {
+    const testing::Answer answers[] = {testing::echoing(), testing::rejecting(refused_), testing::cancelled(),
+                                       testing::unknownStatus()};
+    auto context = std::make_shared<testing::FakeContext>(answers[answer]);
+    testing::MessagePtr message;
+    message.reset(type == 0   ? nullptr
+                  : type == 1 ? static_cast<connector::Message*>(new msg::A)
+                              : new msg::AB);
+    stream_.flags(static_cast<std::ios_base::fmtflags>(input_.ConsumeIntegral<std::uint16_t>()));
     stream_.precision(input_.ConsumeIntegralInRange<int>(-1, 60));
     stream_.fill(input_.ConsumeBool() ? ' ' : '*');
-    width_ = input_.ConsumeIntegralInRange<int>(0, 12);
-  }
-
-  void deliver() {
-    const int type = input_.ConsumeIntegralInRange<int>(-1, 2);
-    const auto answer = static_cast<Answer>(input_.ConsumeIntegralInRange<int>(0, 2));
-    const std::string typeName = type >= 0 ? kTypeNames[type] : "";
-    auto context = std::make_shared<FakeContext>([answer](MessagePtr&& message) {
-      switch (answer) {
-        case Answer::Echo:
-          return connector::makeResolvedFuture(std::move(message));
-        case Answer::Reject:
-          return connector::makeRejectedFuture<MessagePtr>(std::runtime_error("refused"));
-        default: {
-          connector::Promise<MessagePtr> promise;
-          Future<MessagePtr> future = promise.getFuture();
-          future.cancel();
-          return future;
-        }
-      }
+    stream_.width(input_.pick(13));
+    std::ostringstream format;  // the same format, for the padding, the request number and the times
+    format.copyfmt(stream_);
+    std::shared_ptr<connector::Context> forContext = context;
+    const std::string outcome = fuzz::outcomeOf([&] {
+      return provider_.deliver(std::move(message), {}, std::move(forContext)).get() ? "message" : "";
     });
-    stream_.width(width_);
-    // The reference: a stream with the same format, for the request number and the padding.
-    std::ostringstream reference;
-    reference.copyfmt(stream_);
-    reference.width(width_);
-
-    const bool logged = type >= 0 && model_.enabled &&
-                        typeName.compare(0, model_.filter.size(), model_.filter) == 0 &&
-                        model_.filter.size() <= typeName.size();
-    std::string outcome;
-    try {
-      std::shared_ptr<connector::Context> forContext = context;
-      Future<MessagePtr> future = provider_->deliver(type >= 0 ? makeMessage(type) : nullptr,
-                                                     connector::Address("svc"), std::move(forContext));
-      MessagePtr response = future.get();
-      outcome = response ? "message" : "empty";
-    } catch (const std::bad_typeid&) {
-      outcome = "bad_typeid";
-    } catch (const std::runtime_error& e) {
-      outcome = e.what();
-    }
-    stream_.width(0);
-    const std::string expectedOutcome = type < 0                   ? "bad_typeid"
-                                        : answer == Answer::Echo   ? "message"
-                                        : answer == Answer::Reject ? "refused"
-                                                                   : "Future has been cancelled.";
-    MODEL_CHECK(outcome == expectedOutcome, "deliver gave " + outcome + ", expected " + expectedOutcome);
-    MODEL_CHECK(context->forwardCount() == (type >= 0 ? 1 : 0),
-                "the context was called the wrong number of times");
+    const std::string outcomes[] = {"message", "throw:refused", "throw:Future has been cancelled.",
+                                    "throw:Invalid Future state reached."};
+    fuzz::expect("deliver", type == 0 ? "throw:std::bad_typeid" : outcomes[answer], outcome);
+    MODEL_CHECK(context->forwardCount() == (type == 0 ? 0 : 1), "forward() called a wrong number of times");
 
     const std::string written = stream_.str();
     stream_.str("");
-    if (!logged) {
+    const std::string& typeName = kTypeNames[type];
+    if (type == 0 || !enabled_ || typeName.compare(0, filter_.size(), filter_) != 0) {
       MODEL_CHECK(written.empty(), "a request that is not selected was logged: " + written);
       return;
     }
-    const unsigned long number = nextNumber_++;
+    const std::string first = (format << prefix_, format.str());  // padded by the pending width
+    format.str("");
+    const std::string number = (format << nextNumber_++, format.str());
+    const std::string closing = answer == 0 ? typeName : "Exception!";
+    const std::string pieces[] = {first, ": Request (" + number + "): " + typeName + "\n" + prefix_,
+                                  ": Response (" + number + "): " + closing + ": elapsed time ", " ms\n"};
     std::size_t at = 0;
-    reference << model_.prefix;  // takes the pending width, as the real stream's first token does
-    expectText(written, at, reference.str(), "request line prefix");
-    expectTime(written, at, reference);
-    expectText(written, at, ": Request (", "request line");
-    expectText(written, at, formatted(reference, number), "request number");
-    expectText(written, at, "): " + typeName + "\n", "request line end");
-    expectText(written, at, model_.prefix, "closing line prefix");
-    expectTime(written, at, reference);
-    expectText(written, at, ": Response (", "closing line");
-    expectText(written, at, formatted(reference, number), "closing line number");
-    if (answer == Answer::Echo) {
-      expectText(written, at, "): " + typeName + ": elapsed time ", "response line");
-    } else {
-      expectText(written, at, "): Exception!: elapsed time ", "exception line");
+    for (const std::string& piece : pieces) {
+      if (&piece != pieces) {  // before each piece but the first, a time as the format writes it
+        const std::size_t end = std::min(written.find_first_of(": ", at), written.size());
+        format.str("");
+        format << std::strtod(written.substr(at, end - at).c_str(), nullptr);
+        MODEL_CHECK(written.compare(at, end - at, format.str()) == 0, "no time: " + written);
+        at = end;
+      }
+      MODEL_CHECK(written.compare(at, piece.size(), piece) == 0, "no \"" + piece + "\": " + written);
+      at += piece.size();
     }
-    expectTime(written, at, reference);
-    expectText(written, at, " ms\n", "closing line end");
     MODEL_CHECK(at == written.size(), "more was written than two lines: " + written);
   }
 
-  static std::string formatted(const std::ostringstream& format, unsigned long number) {
-    std::ostringstream out;
-    out.copyfmt(format);
-    out.width(0);
-    out << number;
-    return out.str();
-  }
-
-  static void expectText(const std::string& written, std::size_t& at, const std::string& text,
-                         const char* what) {
-    MODEL_CHECK(written.compare(at, text.size(), text) == 0, std::string(what) + ": expected \"" + text +
-                                                                 "\" at " + std::to_string(at) + " of \"" +
-                                                                 written + "\"");
-    at += text.size();
-  }
-
-  // A time: up to the next ':' or blank, a number that the stream's format writes back as is.
-  static void expectTime(const std::string& written, std::size_t& at, const std::ostringstream& format) {
-    const std::size_t end = written.find_first_of(": ", at);
-    MODEL_CHECK(end != std::string::npos && end > at,
-                "no time at " + std::to_string(at) + " of \"" + written + "\"");
-    const std::string token = written.substr(at, end - at);
-    char* parsedEnd = nullptr;
-    const double value = std::strtod(token.c_str(), &parsedEnd);
-    MODEL_CHECK(*parsedEnd == '\0', "the time \"" + token + "\" is not a number");
-    std::ostringstream again;
-    again.copyfmt(format);
-    again.width(0);
-    again << value;
-    MODEL_CHECK(again.str() == token,
-                "the time \"" + token + "\" is not what the stream writes for " + again.str());
-    at = end;
-  }
-
-  FuzzedDataProvider& input_;
-  std::ostringstream stream_;
-  std::shared_ptr<FakeConfiguration> configuration_;
-  std::shared_ptr<LoggingServiceProvider> provider_;
-  Settings model_;
+  fuzz::Input& input_;
+  std::ostringstream stream_{};
+  std::shared_ptr<testing::FakeConfiguration> configuration_ = std::make_shared<testing::FakeConfiguration>();
+  connector::common_services::LoggingServiceProvider provider_{configuration_, "svc", stream_};
+  const std::exception_ptr refused_ = std::make_exception_ptr(std::runtime_error("refused"));
+  bool enabled_ = true;
+  std::string filter_{}, prefix_{};
   unsigned long nextNumber_ = 0;
-  int width_ = 0;
 };
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  FuzzedDataProvider input(data, size);
-  Session(input).run();
-  return 0;
+void runOne(fuzz::Input& input) {
+  Session{input}.run();
 }

@@ -54,8 +54,8 @@ for name in "${fuzzers[@]}"; do
   esac
   log="$work/log.txt"
   status=0
-  # Each fuzzer gets its own scratch directory for whatever files it writes (FUZZ_SCRATCH_DIR).
-  (cd "$work" && FUZZ_SCRATCH_DIR="$work/tmp" "$binary" \
+  # Each fuzzer gets its own temporary directory for whatever files it writes.
+  (cd "$work" && TMPDIR="$work/tmp" "$binary" \
     -max_total_time="$seconds" -timeout=30 -max_len="$max_len" -print_final_stats=1 \
     -artifact_prefix="$work/artifacts/" corpus) >"$log" 2>&1 || status=$?
   executions="$(sed -n 's/^stat::number_of_executed_units: *//p' "$log" | tail -n 1)"
