@@ -13,7 +13,7 @@
 
 namespace {
 
-using connector::testing::FakeSubscription;
+using connector::test_support::FakeSubscription;
 using Subscriber = connector::reactive_streams::CallbackSubscriber<int>;
 
 // A subscription the fuzzer holds, and the requests and cancels it should have received.

@@ -19,7 +19,7 @@
 namespace {
 
 namespace log = foundation::log;
-namespace testing = connector::testing;
+namespace test_support = connector::test_support;
 
 const char* const kCommands[] = {"connector.log.getDestination",   "connector.log.setDestination",
                                  "connector.log.getSpecification", "connector.log.setSpecification",
@@ -31,9 +31,10 @@ const std::string kNames = "Beta\na\nb\nalpha\n";
 // lower case), and channels to list. Made once and never destroyed: the log may be written to
 // during static teardown.
 struct World {
-  std::shared_ptr<testing::FakeAdministration> registry = std::make_shared<testing::FakeAdministration>();
-  std::shared_ptr<testing::FakeConnector> names =
-      std::make_shared<testing::FakeConnector>(std::set<std::string>{"alpha", "Beta", "a\nb"});
+  std::shared_ptr<test_support::FakeAdministration> registry =
+      std::make_shared<test_support::FakeAdministration>();
+  std::shared_ptr<test_support::FakeConnector> names =
+      std::make_shared<test_support::FakeConnector>(std::set<std::string>{"alpha", "Beta", "a\nb"});
   connector::common_services::LoggingCommandProvider logging{registry};
   connector::common_services::ConnectorCommandProvider listing{names, registry};
   log::channel fuzz{"connector.fuzz"}, other{"other"};
@@ -47,7 +48,7 @@ struct World {
 }  // namespace
 
 void runOne(fuzz::Input& input) {
-  static testing::TempDirectory scratch;  // under $TMPDIR; removed when the process exits
+  static test_support::TempDirectory scratch;  // under $TMPDIR; removed when the process exits
   static const std::string directory = scratch.path().string() + "/";
   static World& world = *new World(directory);
   const int command = input.pick(6);

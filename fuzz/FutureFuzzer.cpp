@@ -12,7 +12,7 @@
 
 namespace {
 
-using connector::testing::CountedMessage;
+using connector::test_support::CountedMessage;
 using Value = std::unique_ptr<connector::Message>;
 
 const std::string kAlreadyResolved = "throw:Promise already resolved.";

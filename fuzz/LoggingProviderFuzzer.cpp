@@ -25,7 +25,7 @@ class AB : public connector::Message {};
 
 namespace {
 
-namespace testing = connector::testing;
+namespace test_support = connector::test_support;
 
 const std::string kTypeNames[] = {"", "msg::A", "msg::AB"};  // 0: an empty message
 const char* const kKeys[] = {"svc.enabled", "svc.filter", "svc.prefix", "svc.other"};
@@ -62,10 +62,10 @@ struct Session {
   // A message of type 0 (none), 1 or 2 on a stream of random format, answered with itself (0),
   // rejected (1), cancelled (2) or in an unknown status (3).
   void deliver(int type, int answer) {
-    const testing::Answer answers[] = {testing::echoing(), testing::rejecting(refused_), testing::cancelled(),
-                                       testing::unknownStatus()};
-    auto context = std::make_shared<testing::FakeContext>(answers[answer]);
-    testing::MessagePtr message;
+    const test_support::Answer answers[] = {test_support::echoing(), test_support::rejecting(refused_),
+                                            test_support::cancelled(), test_support::unknownStatus()};
+    auto context = std::make_shared<test_support::FakeContext>(answers[answer]);
+    test_support::MessagePtr message;
     message.reset(type == 0   ? nullptr
                   : type == 1 ? static_cast<connector::Message*>(new msg::A)
                               : new msg::AB);
@@ -114,7 +114,8 @@ struct Session {
 
   fuzz::Input& input_;
   std::ostringstream stream_{};
-  std::shared_ptr<testing::FakeConfiguration> configuration_ = std::make_shared<testing::FakeConfiguration>();
+  std::shared_ptr<test_support::FakeConfiguration> configuration_ =
+      std::make_shared<test_support::FakeConfiguration>();
   connector::common_services::LoggingServiceProvider provider_{configuration_, "svc", stream_};
   const std::exception_ptr refused_ = std::make_exception_ptr(std::runtime_error("refused"));
   bool enabled_ = true;

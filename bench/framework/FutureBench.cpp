@@ -22,7 +22,7 @@ namespace {
 
 using connector::Message;
 using MessagePtr = std::unique_ptr<Message>;
-using connector::testing::allocationsOnThisThread;
+using connector::test_support::allocationsOnThisThread;
 
 // Reports the allocations made on this thread (plus `elsewhere`) since construction.
 class AllocationCounter {

@@ -33,7 +33,7 @@ using connector::Future;
 using connector::Message;
 using connector::common_services::EchoServiceProvider;
 using connector::common_services::LoggingServiceProvider;
-using connector::testing::FakeConfiguration;
+using connector::test_support::FakeConfiguration;
 using MessagePtr = std::unique_ptr<Message>;
 
 namespace app {

@@ -21,8 +21,8 @@ namespace {
 
 using connector::common_services::ConnectorCommandProvider;
 using connector::common_services::LoggingCommandProvider;
-using connector::testing::FakeAdministration;
-using connector::testing::FakeConnector;
+using connector::test_support::FakeAdministration;
+using connector::test_support::FakeConnector;
 using Arguments = std::vector<std::string>;
 
 // One registerCommand per command, in order, with its exact record; one unregisterCommand per

@@ -22,7 +22,7 @@ namespace {
 
 namespace fs = std::filesystem;
 namespace flog = foundation::log;
-using connector::testing::TempDirectory;
+using connector::test_support::TempDirectory;
 using ::testing::AllOf;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;

@@ -23,8 +23,9 @@ struct Stream {
     canceller = makeCanceller(subscriber);
   }
 
-  std::shared_ptr<testing::FakePublisher<int>> publisher = std::make_shared<testing::FakePublisher<int>>();
-  std::shared_ptr<testing::FakeSubscription> subscription;
+  std::shared_ptr<test_support::FakePublisher<int>> publisher =
+      std::make_shared<test_support::FakePublisher<int>>();
+  std::shared_ptr<test_support::FakeSubscription> subscription;
   std::vector<int> received;
   std::function<void(int)> inCallback;
   std::shared_ptr<CallbackSubscriber<int>> subscriber;
@@ -109,7 +110,7 @@ TEST(CallbackSubscriber, TheFirstEndEventDecidesTheOutcomeAndStopsTheValues) {
 TEST(CallbackSubscriber, DestructionCancelsReachingOnlyALiveSubscription) {
   for (const std::string arrival : {"none", "empty", "live", "destroyed"}) {
     SCOPED_TRACE(arrival);
-    auto subscription = std::make_shared<testing::FakeSubscription>();
+    auto subscription = std::make_shared<test_support::FakeSubscription>();
     auto subscriber = std::make_shared<CallbackSubscriber<int>>([](int&&) {});
     Future<bool> future = subscriber->getFuture();
     EXPECT_THAT(

@@ -15,7 +15,7 @@ namespace {
 
 using detail::SharedFutureState;
 using detail::Status;
-using testing::CountedMessage;
+using test_support::CountedMessage;
 using MessagePtr = std::unique_ptr<Message>;
 
 const std::string kRetrieved = "Future already returned it's value or has an associated continuation.";
@@ -194,14 +194,14 @@ TEST(FutureGet, RethrowsTheStoredExceptionItselfUnwrappingOnePointerLevel) {
 }
 
 TEST(SharedFutureState, AFailedBoxAllocationLeavesItPendingAndTheValueWithTheCaller) {
-  testing::NoAllocationFailureOnExit disarm;
+  test_support::NoAllocationFailureOnExit disarm;
   Pair pair;
   MessagePtr value = message("value");
-  testing::failAllocation(1);
+  test_support::failAllocation(1);
   EXPECT_THROW(pair.promise->resolve(std::move(value)), std::bad_alloc);
   EXPECT_NE(value, nullptr);
   const std::exception_ptr error = std::make_exception_ptr(std::runtime_error("x"));
-  testing::failAllocation(1);
+  test_support::failAllocation(1);
   EXPECT_THROW(pair.promise->reject(error), std::bad_alloc);
   EXPECT_EQ(pair.future.state->status.load(), Status::Pending);
 }

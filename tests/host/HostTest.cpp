@@ -23,7 +23,7 @@ namespace {
 
 using common_services::EchoServiceProvider;
 using configuration::ConfigValue;
-using testing::CountedMessage;
+using test_support::CountedMessage;
 using Arguments = std::vector<std::string>;
 using Journal = std::vector<std::string>;  // written by one thread at a time
 

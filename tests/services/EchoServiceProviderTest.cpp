@@ -10,8 +10,8 @@
 namespace connector {
 namespace {
 
-using testing::CountedMessage;
-using testing::MessagePtr;
+using test_support::CountedMessage;
+using test_support::MessagePtr;
 
 // The answer is settled before deliver() returns and holds the very object delivered (an empty
 // pointer as empty); it can be read once, and an unread one deletes its message once. The
@@ -20,7 +20,7 @@ using testing::MessagePtr;
 TEST(EchoServiceProvider, AnswersAtOnceWithTheDeliveredMessageItself) {
   auto echo = std::make_shared<common_services::EchoServiceProvider>();
   Address address("echo");
-  auto context = std::make_shared<testing::FakeContext>(testing::echoing());
+  auto context = std::make_shared<test_support::FakeContext>(test_support::echoing());
   for (auto step :
        {&ServiceProvider::stop, &ServiceProvider::start, &ServiceProvider::start, &ServiceProvider::stop}) {
     (echo.get()->*step)();
@@ -49,13 +49,13 @@ TEST(EchoServiceProvider, AnswersAtOnceWithTheDeliveredMessageItself) {
 // cannot be had, std::bad_alloc leaves deliver and the caller keeps its message.
 TEST(EchoServiceProvider, AnswersWithTwoAllocationsAndKeepsTheMessageWhenOneFails) {
   common_services::EchoServiceProvider echo;
-  const long before = testing::allocationsOnThisThread();
+  const long before = test_support::allocationsOnThisThread();
   echo.deliver(nullptr, Address(), nullptr);
-  EXPECT_EQ(testing::allocationsOnThisThread() - before, 2);
-  testing::NoAllocationFailureOnExit disarm;
+  EXPECT_EQ(test_support::allocationsOnThisThread() - before, 2);
+  test_support::NoAllocationFailureOnExit disarm;
   for (long failing : {1, 2}) {
     MessagePtr message = std::make_unique<CountedMessage>();
-    testing::failAllocation(failing);
+    test_support::failAllocation(failing);
     EXPECT_THROW(echo.deliver(std::move(message), Address(), nullptr), std::bad_alloc);
     EXPECT_NE(message, nullptr);
   }

@@ -41,7 +41,7 @@ struct Holder : connector::Message {};
 namespace {
 
 using namespace connector;
-using namespace connector::testing;
+using namespace connector::test_support;
 using common_services::LoggingServiceProvider;
 using common_services::LoggingServiceProviderPeer;
 using configuration::ConfigValue;
@@ -234,8 +234,9 @@ TEST_F(LoggingProvider, EveryFailureOfTheAnswerBecomesARejectedFutureAfterAnExce
     Future<MessagePtr> result = send(provider, std::make_unique<CountedMessage>(), answer);
     const std::string n = std::to_string(i);
     const std::string cutShort = outcome == "std::bad_typeid" ? kTime + ": Response \\(" + n + "\\): " : "";
-    EXPECT_THAT(takeLines(stream), ElementsAre(MatchesRegex(request(n, "connector::testing::CountedMessage")),
-                                               MatchesRegex(cutShort + response(n, "Exception!"))));
+    EXPECT_THAT(takeLines(stream),
+                ElementsAre(MatchesRegex(request(n, "connector::test_support::CountedMessage")),
+                            MatchesRegex(cutShort + response(n, "Exception!"))));
     ASSERT_TRUE(result.state);
     EXPECT_TRUE(result.state->status == detail::Status::Rejected);
     EXPECT_EQ(outcomeOf(result, failure), outcome);

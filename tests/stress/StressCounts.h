@@ -6,11 +6,11 @@
 #include <algorithm>
 #include <cstdlib>
 
-namespace connector::testing {
+namespace connector::test_support {
 
 inline int stressCount(int full) {
   const char* text = std::getenv("CONNECTOR_STRESS_SCALE");
   return std::max(1, static_cast<int>(full * (text != nullptr ? std::atof(text) : 1.0)));
 }
 
-}  // namespace connector::testing
+}  // namespace connector::test_support

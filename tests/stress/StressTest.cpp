@@ -41,11 +41,11 @@ namespace {
 namespace log = foundation::log;
 using common_services::LoggingServiceProvider;
 using configuration::ConfigValue;
-using testing::CountedMessage;
-using testing::FakeConfiguration;
-using testing::MessagePtr;
-using testing::stressCount;
-using testing::TempDirectory;
+using test_support::CountedMessage;
+using test_support::FakeConfiguration;
+using test_support::MessagePtr;
+using test_support::stressCount;
+using test_support::TempDirectory;
 using namespace std::string_literals;
 
 // ---- Promise/future hand-offs
@@ -181,13 +181,13 @@ TEST(LoggingServiceProviderUnderLoad, ConcurrentRequestsAndSettingChangesLoseNot
   const char* const keys[] = {"svc.enabled", "svc.filter", "svc.prefix"};
   const std::vector<ConfigValue> values[] = {
       {false, true, true},
-      {""s, "connector::testing::Count"s, "connector::testing::CountedMessage"s, "nothing"s},
+      {""s, "connector::test_support::Count"s, "connector::test_support::CountedMessage"s, "nothing"s},
       {""s, "[svc] "s, "P"s}};
   auto configuration = std::make_shared<FakeConfiguration>();
   std::ostringstream stream;
   LoggingServiceProvider provider(configuration, "svc", stream);
   auto echo = std::make_shared<common_services::EchoServiceProvider>();
-  auto context = std::make_shared<testing::FakeContext>(
+  auto context = std::make_shared<test_support::FakeContext>(
       [echo](MessagePtr&& message) { return echo->deliver(std::move(message), Address("echo"), nullptr); });
   std::atomic<int> wrongAnswers{0};
   std::atomic<int> sending{threads};
@@ -230,8 +230,8 @@ TEST(LoggingServiceProviderUnderLoad, ConcurrentRequestsAndSettingChangesLoseNot
     int type = 0, end = 0;  // where the type name ends, where the elapsed time ends
     double time = 0;
     std::sscanf(line.c_str() + start,
-                "%lf: %8[a-zA-Z] (%lu): connector::testing::CountedMessage%n: elapsed time %lf ms%n", &time,
-                kind, &number, &type, &time, &end);
+                "%lf: %8[a-zA-Z] (%lu): connector::test_support::CountedMessage%n: elapsed time %lf ms%n",
+                &time, kind, &number, &type, &time, &end);
     const int length = kind == "Response"s ? end : kind == "Request"s && end == 0 ? type : 0;
     if (length == 0 || start + length != line.size()) {
       ADD_FAILURE() << "a malformed line: \"" << line << "\"";
@@ -304,10 +304,10 @@ TEST(CommandHandlersUnderLoad, ConcurrentCallsWhileTheLogMovesSeeOnlyWholeSettin
   for (const char* name : {"connector.stress.a", "connector.stress.b", "stress.writer"}) {
     channels.emplace_back(name);
   }
-  auto administration = std::make_shared<testing::FakeAdministration>();
+  auto administration = std::make_shared<test_support::FakeAdministration>();
   common_services::LoggingCommandProvider logging(administration);
   common_services::ConnectorCommandProvider listing(
-      std::make_shared<testing::FakeConnector>(std::set<std::string>{"alpha", "Beta"}), administration);
+      std::make_shared<test_support::FakeConnector>(std::set<std::string>{"alpha", "Beta"}), administration);
   // Each query, and the answers it may give.
   const std::vector<std::tuple<std::string, std::vector<std::string>, std::vector<std::string>>> queries = {
       {"connector.log.getDestination", {}, destinations},

@@ -10,7 +10,7 @@
 #include "framework/ServiceProvider.h"
 
 namespace connector {
-namespace testing {
+namespace test_support {
 
 class CountedMessage : public Message {
  public:
@@ -32,5 +32,5 @@ class CountedMessage : public Message {
   std::string text_;
 };
 
-}  // namespace testing
+}  // namespace test_support
 }  // namespace connector

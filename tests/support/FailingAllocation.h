@@ -14,7 +14,7 @@
 #include <new>
 
 namespace connector {
-namespace testing {
+namespace test_support {
 namespace allocation_detail {
 inline thread_local long count = 0;
 inline thread_local long failCountdown = 0;  // 0: never fail
@@ -35,11 +35,11 @@ struct NoAllocationFailureOnExit {
   ~NoAllocationFailureOnExit() { allocation_detail::failCountdown = 0; }
 };
 
-}  // namespace testing
+}  // namespace test_support
 }  // namespace connector
 
 void* operator new(std::size_t size) {
-  using namespace connector::testing::allocation_detail;
+  using namespace connector::test_support::allocation_detail;
   ++count;
   void* p = failCountdown > 0 && --failCountdown == 0 ? nullptr : std::malloc(size == 0 ? 1 : size);
   if (p == nullptr) {

@@ -16,7 +16,7 @@
 #include "framework/Administration.h"
 
 namespace connector {
-namespace testing {
+namespace test_support {
 
 class FakeAdministration : public administration::Administration {
  public:
@@ -67,5 +67,5 @@ class FakeAdministration : public administration::Administration {
   std::size_t throwOn_ = 0;                                  // guarded by mutex_; 0: never
 };
 
-}  // namespace testing
+}  // namespace test_support
 }  // namespace connector

@@ -24,7 +24,7 @@
 #include "tests/support/ReactiveFakes.h"
 
 namespace connector {
-namespace testing {
+namespace test_support {
 
 class FakeConfiguration : public configuration::Configuration {
  public:
@@ -101,5 +101,5 @@ class FakeConfiguration : public configuration::Configuration {
   std::vector<std::string> cancelled_;                                         // guarded by mutex_
 };
 
-}  // namespace testing
+}  // namespace test_support
 }  // namespace connector

@@ -9,7 +9,7 @@
 #include "framework/Connector.h"
 
 namespace connector {
-namespace testing {
+namespace test_support {
 
 class FakeConnector : public Connector {
  public:
@@ -30,5 +30,5 @@ class FakeConnector : public Connector {
   std::set<std::string> names_;  // guarded by mutex_
 };
 
-}  // namespace testing
+}  // namespace test_support
 }  // namespace connector

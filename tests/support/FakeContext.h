@@ -19,7 +19,7 @@
 #include "framework/ServiceProvider.h"
 
 namespace connector {
-namespace testing {
+namespace test_support {
 
 using MessagePtr = std::unique_ptr<Message>;
 using Answer = std::function<Future<MessagePtr>(MessagePtr&&)>;
@@ -109,5 +109,5 @@ inline Answer unknownStatus() {
   return settledBy([](auto& state) { state.status.store(static_cast<detail::Status>(7)); });
 }
 
-}  // namespace testing
+}  // namespace test_support
 }  // namespace connector

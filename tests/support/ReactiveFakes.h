@@ -22,7 +22,7 @@
 #include "framework/ReactiveStreams.h"
 
 namespace connector {
-namespace testing {
+namespace test_support {
 
 class FakeSubscription : public reactive_streams::Subscription {
  public:
@@ -121,5 +121,5 @@ class FakePublisher : public reactive_streams::Publisher<T> {
   std::vector<SubscriberPtr> subscribers_;  // guarded by mutex_
 };
 
-}  // namespace testing
+}  // namespace test_support
 }  // namespace connector

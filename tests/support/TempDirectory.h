@@ -11,7 +11,7 @@
 #include <system_error>
 
 namespace connector {
-namespace testing {
+namespace test_support {
 
 class TempDirectory {
  public:
@@ -42,5 +42,5 @@ class TempDirectory {
   std::filesystem::path path_;
 };
 
-}  // namespace testing
+}  // namespace test_support
 }  // namespace connector
