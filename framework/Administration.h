@@ -24,8 +24,8 @@ using CommandHandler = std::function<std::string(std::vector<std::string>&&)>;
 
 // One command as the registry knows it.
 struct Command {
-  std::string name;          // dot-separated lowerCamelCase words, e.g. "connector.log.getDestination"
-  std::string description;   // one sentence ending with a full stop
+  std::string name;         // dot-separated lowerCamelCase words, e.g. "connector.log.getDestination"
+  std::string description;  // one sentence ending with a full stop
   CommandHandler handler;
   std::uint8_t minArguments = 0;  // the least number of arguments the command takes
   std::uint8_t maxArguments = 0;  // the most; 255 is the largest the field holds

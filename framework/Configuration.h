@@ -22,10 +22,10 @@ namespace configuration {
 
 // A configuration value. Consumers take exactly the alternative they expect with boost::get;
 // there is no conversion between alternatives.
-using ConfigValue = boost::variant<bool, int, unsigned int, double, std::u16string, std::string,
-                                   std::vector<bool>, std::vector<int>, std::vector<unsigned int>,
-                                   std::vector<double>, std::vector<std::string>,
-                                   std::vector<std::u16string>>;
+using ConfigValue =
+    boost::variant<bool, int, unsigned int, double, std::u16string, std::string, std::vector<bool>,
+                   std::vector<int>, std::vector<unsigned int>, std::vector<double>, std::vector<std::string>,
+                   std::vector<std::u16string>>;
 
 class CONNECTOR_EXPORT Configuration {
  public:

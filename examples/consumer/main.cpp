@@ -9,6 +9,7 @@ int main() {
   auto message = std::make_unique<connector::Message>();
   const connector::Message* sent = message.get();
   auto answer = echo->deliver(std::move(message), connector::Address("echo"), nullptr).get();
-  std::puts(answer.get() == sent ? "consumer: echo answered with the same message" : "consumer: wrong answer");
+  std::puts(answer.get() == sent ? "consumer: echo answered with the same message"
+                                 : "consumer: wrong answer");
   return answer.get() == sent ? 0 : 1;
 }
