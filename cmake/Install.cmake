@@ -13,8 +13,11 @@ install(TARGETS connector_framework connector_common_services
 foreach(dir framework foundation services commands)
   install(DIRECTORY ${PROJECT_SOURCE_DIR}/${dir}/
     DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/connector/${dir}
-    FILES_MATCHING PATTERN "*.h")
+    FILES_MATCHING PATTERN "*.h"
+    PATTERN detail EXCLUDE)
 endforeach()
+install(FILES ${PROJECT_BINARY_DIR}/include/foundation/Export.h
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/connector/foundation)
 
 install(EXPORT ConnectorCommonServicesTargets
   NAMESPACE connector::

@@ -12,7 +12,7 @@
 
 #include "framework/Administration.h"
 #include "framework/Connector.h"
-#include "framework/Export.h"
+#include "foundation/Export.h"
 
 namespace connector {
 namespace common_services {

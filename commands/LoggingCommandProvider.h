@@ -19,7 +19,7 @@
 #include <memory>
 
 #include "framework/Administration.h"
-#include "framework/Export.h"
+#include "foundation/Export.h"
 
 namespace connector {
 namespace common_services {

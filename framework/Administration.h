@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "framework/Export.h"
+#include "foundation/Export.h"
 #include "framework/Future.h"
 
 namespace connector {

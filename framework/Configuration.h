@@ -13,7 +13,7 @@
 
 #include <boost/variant.hpp>
 
-#include "framework/Export.h"
+#include "foundation/Export.h"
 #include "framework/Future.h"
 #include "framework/ReactiveStreams.h"
 

@@ -7,7 +7,7 @@
 #include <set>
 #include <string>
 
-#include "framework/Export.h"
+#include "foundation/Export.h"
 
 namespace connector {
 

@@ -10,7 +10,7 @@
 
 #include <string>
 
-#include "framework/Export.h"
+#include "foundation/Export.h"
 
 namespace connector {
 namespace common {

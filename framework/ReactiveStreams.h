@@ -12,7 +12,7 @@
 #include <exception>
 #include <memory>
 
-#include "framework/Export.h"
+#include "foundation/Export.h"
 #include "framework/Future.h"
 
 namespace connector {

@@ -13,7 +13,7 @@
 #include <string>
 #include <utility>
 
-#include "framework/Export.h"
+#include "foundation/Export.h"
 #include "framework/Future.h"
 
 namespace connector {

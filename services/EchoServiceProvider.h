@@ -7,7 +7,7 @@
 
 #include <memory>
 
-#include "framework/Export.h"
+#include "foundation/Export.h"
 #include "framework/ServiceProvider.h"
 
 namespace connector {

@@ -32,7 +32,7 @@
 #include <vector>
 
 #include "framework/Configuration.h"
-#include "framework/Export.h"
+#include "foundation/Export.h"
 #include "framework/ReactiveStreams.h"
 #include "framework/ServiceProvider.h"
 

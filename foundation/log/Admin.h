@@ -10,7 +10,7 @@
 
 #include <boost/shared_ptr.hpp>
 
-#include "framework/Export.h"
+#include "foundation/Export.h"
 
 namespace foundation {
 namespace log {

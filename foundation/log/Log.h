@@ -36,7 +36,7 @@
 #include <string>
 #include <string_view>
 
-#include "framework/Export.h"
+#include "foundation/Export.h"
 
 namespace foundation {
 namespace log {

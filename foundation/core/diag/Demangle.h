@@ -12,7 +12,7 @@
 #include <string>
 #include <typeinfo>
 
-#include "framework/Export.h"
+#include "foundation/Export.h"
 
 namespace foundation {
 namespace core {

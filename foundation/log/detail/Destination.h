@@ -1,0 +1,46 @@
+// Opening the sink that a destination text names ("stderr", "stdout", "null", "file:PATH"),
+// under the process log's file confinement.
+//
+// Internal to connector_common_services (not installed): the process log and any provider with
+// a destination of its own (an access log, say) open their sinks here, so that every
+// destination accepts the same texts and obeys the same confinement. Each call opens a new sink
+// and touches no shared state; safe from any thread.
+#pragma once
+
+#include <filesystem>
+#include <memory>
+#include <string>
+
+#include <spdlog/common.h>
+#include <spdlog/sinks/sink.h>
+
+namespace foundation {
+namespace log {
+namespace detail {
+
+// Opens the destination `text`; `confinement` is the directory that file destinations must lie
+// in, or empty when they are free. Throws std::invalid_argument for a text that is not
+// understood or not allowed, std::runtime_error for a file that cannot be opened; each message
+// names the text and what would be accepted.
+std::shared_ptr<spdlog::sinks::sink> open_destination(const std::string& text,
+                                                      const std::filesystem::path& confinement);
+
+// The same, under the confinement the process log has in force.
+std::shared_ptr<spdlog::sinks::sink> open_destination(const std::string& text);
+
+// A file that a destination may write to: where it is, and the handlers that check it once
+// opened. `path_text` is the PATH part of `text`. Throws like open_destination().
+struct file_target {
+  std::filesystem::path path;
+  spdlog::file_event_handlers handlers;
+};
+file_target prepare_file(const std::string& text, const std::string& path_text,
+                         const std::filesystem::path& confinement);
+
+// The sentence that error texts end with: which destinations exist, with an example file that
+// `confinement` would accept.
+std::string destination_forms(const std::filesystem::path& confinement);
+
+}  // namespace detail
+}  // namespace log
+}  // namespace foundation
