@@ -30,7 +30,7 @@ constexpr const char* kGetChannelsDescription = "Get the current list of fl::log
 
 // A registry that does not enforce the declared minimum must not make a setter read past the end.
 constexpr const char* kSetDestinationNeedsArgument =
-    "connector.log.setDestination needs one argument (a destination such as file:/var/log/app.log)";
+    "connector.log.setDestination needs one argument (a destination such as stderr or file:app.log)";
 constexpr const char* kSetSpecificationNeedsArgument =
     "connector.log.setSpecification needs one argument (a specification such as warn,connector.*=debug)";
 
