@@ -98,7 +98,7 @@ TEST(LoggingCommandProvider, HandlersPassTextsThroughUnchanged) {
            {"setDestination",
             {},
             "refused: connector.log.setDestination needs one argument (a destination such as "
-            "file:/var/log/app.log)"},
+            "stderr or file:app.log)"},
            {"setSpecification",
             {},
             "refused: connector.log.setSpecification needs one argument (a specification such as "
