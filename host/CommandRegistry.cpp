@@ -7,28 +7,33 @@
 #include <stdexcept>
 #include <utility>
 
+#include "host/DisplayText.h"
+
 namespace connector {
 namespace host {
 
 namespace {
 
 const char* const kHelpName = "help";
-const char* const kHelpDescription = "List every command with its description.";
+const char* const kHelpDescription = "List every command, or describe the one named.";
+
+// The most a Command record can declare; a command that declares it takes any number.
+constexpr unsigned kNoUpperLimit = 255;
 
 std::string plural(unsigned count) {
   return std::to_string(count) + (count == 1 ? " argument" : " arguments");
 }
 
+// "no arguments", "1 argument", "0 to 1 arguments", "at least 1 argument", "any number of arguments".
 std::string describeBounds(unsigned min, unsigned max) {
   if (max == 0) {
     return "no arguments";
   }
-  if (min == max) {
-    return "exactly " + plural(min);
+  if (max == kNoUpperLimit) {
+    return min == 0 ? "any number of arguments" : "at least " + plural(min);
   }
-  if (max == 255) {
-    // 255 is the most the record can declare, so it stands for "no upper limit".
-    return min == 0 ? "at most " + plural(max) : "at least " + plural(min);
+  if (min == max) {
+    return plural(min);
   }
   return std::to_string(min) + " to " + std::to_string(max) + " arguments";
 }
@@ -48,14 +53,15 @@ struct CommandTable {
 
 namespace {
 
-std::string helpText(const std::vector<CommandRegistry::Description>& commands) {
-  std::size_t width = 0;
+// One line per command: its name, padded to `width`, its description and its bounds.
+std::string helpText(const std::vector<CommandRegistry::Description>& commands, std::size_t width = 0) {
   for (const auto& command : commands) {
     width = std::max(width, command.name.size());
   }
   std::string text;
   for (const auto& command : commands) {
-    text += command.name + std::string(width - command.name.size() + 2, ' ') + command.description + '\n';
+    text += command.name + std::string(width - command.name.size() + 2, ' ') + command.description + " (" +
+            describeBounds(command.minArguments, command.maxArguments) + ")\n";
   }
   return text;
 }
@@ -78,9 +84,23 @@ CommandRegistry::CommandRegistry() : table_(std::make_shared<detail::CommandTabl
   administration::Command help;
   help.name = kHelpName;
   help.description = kHelpDescription;
-  help.handler = [table](std::vector<std::string>&&) -> std::string {
+  help.maxArguments = 1;
+  help.handler = [table](std::vector<std::string>&& arguments) -> std::string {
     std::shared_ptr<detail::CommandTable> held = table.lock();
-    return held ? helpText(describe(*held)) : std::string();
+    if (!held) {
+      return std::string();
+    }
+    std::vector<CommandRegistry::Description> commands = describe(*held);
+    if (arguments.empty()) {
+      return helpText(commands);
+    }
+    for (const auto& command : commands) {
+      if (command.name == arguments.front()) {
+        return helpText({command});
+      }
+    }
+    throw std::invalid_argument("there is no command " + quoted(arguments.front(), kEchoLimit) +
+                                "; \"help\" lists the commands");
   };
   table_->commands.emplace(kHelpName, std::make_shared<const administration::Command>(std::move(help)));
 }
@@ -134,10 +154,12 @@ CommandRegistry::Result CommandRegistry::execute(const std::string& name,
     }
   }
   if (!command) {
-    return {false, "unknown command \"" + name + "\"; \"help\" lists the commands"};
+    return {false, "unknown command " + quoted(name, kEchoLimit) + "; \"help\" lists the commands"};
   }
-  if (arguments.size() < command->minArguments || arguments.size() > command->maxArguments) {
-    return {false, "command \"" + name + "\" takes " +
+  const bool tooMany = command->maxArguments != kNoUpperLimit && arguments.size() > command->maxArguments;
+  if (arguments.size() < command->minArguments || tooMany) {
+    const bool exactly = command->minArguments == command->maxArguments && command->maxArguments != 0;
+    return {false, "command \"" + name + "\" takes " + (exactly ? "exactly " : "") +
                        describeBounds(command->minArguments, command->maxArguments) + ", but was given " +
                        std::to_string(arguments.size())};
   }

@@ -4,12 +4,18 @@
 // added, false when a command of that name is already there (the first one stays); rejected
 // with std::invalid_argument for a record without a name or handler, or whose minArguments
 // exceeds its maxArguments. unregisterCommand() answers true when it withdrew the command,
-// false when there was none of that name; it never throws. The built-in "help" lists every
-// command with its description; it cannot be replaced or withdrawn.
+// false when there was none of that name; it never throws. A command whose maxArguments is 255,
+// the most the record holds, takes any number of arguments (at least its minArguments).
+//
+// The built-in "help" lists every command, itself included, one per line: the name, the
+// description and the argument bounds in parentheses ("(1 argument)", "(0 to 1 arguments)",
+// "(any number of arguments)"). "help NAME" gives the line of that command alone and fails for
+// an unknown name. It cannot be replaced or withdrawn.
 //
 // execute() runs a command on the calling thread and never throws for the command's sake: an
 // unknown name, an argument count outside the command's bounds, and an exception from the
-// handler all come back as a failed result whose text says what went wrong.
+// handler all come back as a failed result whose text says what went wrong. An unknown name is
+// echoed quoted, with control bytes escaped and cut short after 60 bytes.
 //
 // Threads: every operation is safe from any thread, concurrently with every other; handlers
 // run on the threads that call execute(), possibly several at once. No lock of the registry
