@@ -10,6 +10,8 @@
 #include <thread>
 #include <utility>
 
+#include "host/DisplayText.h"
+
 namespace connector {
 namespace host {
 
@@ -20,6 +22,15 @@ constexpr std::uint64_t kUnbounded = UINT64_MAX;
 
 class KeySubscription;
 
+// What a key of `value`'s alternative takes, for the refusal of a value of another one.
+std::string expectedType(const ConfigurationStore::ConfigValue& value) {
+  const std::string type = describeType(value);
+  if (type == "bool") {
+    return "a bool (true or false)";
+  }
+  return (type == "int" || type == "unsigned" ? "an " : "a ") + type;
+}
+
 }  // namespace
 
 namespace detail {
@@ -28,7 +39,7 @@ namespace detail {
 // holding its own.
 struct ConfigurationState {
   struct Key {
-    std::map<std::string, ConfigurationStore::ConfigValue> byLabel;
+    std::map<std::string, ConfigurationStore::ConfigValue> byLabel;  // all of one alternative
     std::string override;  // the label other than "default" set most recently; empty if none
     std::vector<std::shared_ptr<KeySubscription>> subscriptions;
 
@@ -222,6 +233,12 @@ Future<bool> ConfigurationStore::set(const std::string& key, ConfigValue value, 
   {
     std::lock_guard<std::mutex> lock(state_->mutex);
     detail::ConfigurationState::Key& entry = state_->keys[key];
+    // Every value stored under a key has the alternative of the first one.
+    if (!entry.byLabel.empty() && entry.byLabel.begin()->second.which() != value.which()) {
+      return makeRejectedFuture<bool>(
+          std::invalid_argument(key + " takes " + expectedType(entry.byLabel.begin()->second) + ", not the " +
+                                describeType(value) + " " + describeValue(value)));
+    }
     std::optional<ConfigValue> before;
     if (const ConfigValue* current = entry.effective()) {
       before = *current;

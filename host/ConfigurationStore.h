@@ -4,10 +4,18 @@
 // Labels are layers. "default" is the lowest: a key's effective value is the value of the
 // label other than "default" that was set most recently, or its "default" value when no other
 // label has set it. So an operator's value set before a provider starts survives the default
-// the provider writes when it starts. set() answers with an already settled Future<bool>: true
-// when the value is now the key's effective value, false when it was stored under "default"
-// but another label's value stays in force; rejected with std::invalid_argument for an empty
-// key or label.
+// the provider writes when it starts.
+//
+// Types: a key's alternative of ConfigValue is fixed by its first value, whatever the label.
+// A value of another alternative is refused before anything is stored or delivered, every time,
+// so subscribers never see it: set() answers with a Future rejected with std::invalid_argument
+// whose text names the key, what it takes and what it was given, e.g. "svc.enabled takes a bool
+// (true or false), not the int 1".
+//
+// set() answers with an already settled Future<bool>: true when the value is now the key's
+// effective value, false when it was stored under "default" but another label's value stays in
+// force; rejected with std::invalid_argument for an empty key or label or a value of the wrong
+// alternative.
 //
 // observe(key) gives a Publisher. Each subscription first receives the key's effective value
 // (if it has one), then every change of it, in the order of the set() calls that made them; a

@@ -8,10 +8,12 @@
 #include <utility>
 
 #include "framework/ServiceProvider.h"
+#include "host/DisplayText.h"
 
 namespace demo {
 
-// What every demo message can say about itself when it comes back as an answer.
+// What every demo message can say about itself when it comes back as an answer; the text it
+// carries is quoted, with quotes and control bytes escaped.
 class DemoMessage : public connector::Message {
  public:
   virtual std::string describe() const = 0;
@@ -25,7 +27,7 @@ class Ping final : public DemoMessage {
 class Greeting final : public DemoMessage {
  public:
   explicit Greeting(std::string text) : text_(std::move(text)) {}
-  std::string describe() const override { return "demo::Greeting \"" + text_ + "\""; }
+  std::string describe() const override { return "demo::Greeting " + connector::host::quoted(text_); }
 
  private:
   std::string text_;
@@ -34,7 +36,7 @@ class Greeting final : public DemoMessage {
 class Order final : public DemoMessage {
  public:
   explicit Order(std::string item) : item_(std::move(item)) {}
-  std::string describe() const override { return "demo::Order \"" + item_ + "\""; }
+  std::string describe() const override { return "demo::Order " + connector::host::quoted(item_); }
 
  private:
   std::string item_;

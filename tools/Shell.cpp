@@ -8,16 +8,17 @@
 #include <ostream>
 #include <sstream>
 #include <stdexcept>
-#include <type_traits>
 #include <typeinfo>
 #include <utility>
 
-#include <boost/variant/apply_visitor.hpp>
+#include <streambuf>
+#include <string_view>
 
 #include "commands/ConnectorCommandProvider.h"
 #include "commands/LoggingCommandProvider.h"
 #include "foundation/core/diag/Demangle.h"
 #include "foundation/log/Log.h"
+#include "host/DisplayText.h"
 #include "services/EchoServiceProvider.h"
 #include "services/LoggingServiceProvider.h"
 #include "tools/DemoMessages.h"
@@ -54,7 +55,8 @@ Commands:
                                 "default" is the lowest layer and never hides another label's value
   config get KEY                print KEY's value, its type and the label it was set under
   config list                   print every key that has a value
-  help                          list the shell's commands and the administration commands
+  help [COMMAND]                list the shell's commands and the administration commands, or
+                                describe one of them
   quit                          leave the shell (so does the end of the input)
   NAME [ARGUMENT...]            run the administration command NAME, for example
                                 connector.listServiceProviders or
@@ -67,83 +69,34 @@ takes the next character as it is. A line whose first word starts with # is a co
 Keys of svc: svc.enabled (bool: log at all), svc.filter (string: log only the messages whose
 type name starts with it, e.g. demo::Order), svc.prefix (string: starts every line).
 
-From a terminal the shell reads with a prompt, line editing, history and Tab completion.
+From a terminal the shell reads with a prompt, line editing and Tab completion (of commands,
+addresses, message types and configuration keys). Ctrl-C abandons the line being typed; Ctrl-D
+on an empty line leaves. The last 1000 lines are kept in ~/.connector_shell_history.
 Errors are printed as "error: ..." on standard error and the shell goes on.
 
-Exit status: 2 for a wrong option, an unreadable script or a log directory that does not exist;
+Exit status: 2 for a wrong option, an unreadable script (a directory, say) or a log directory
+that does not exist;
 otherwise 0, except that with --script or piped input it is 1 when a command failed.
 )";
 
-const char* const kShellHelp = R"(Shell commands:
-  send ADDRESS TYPE [TEXT]      send a message (TYPE: ping, greeting, order) and print the answer
-  config set KEY VALUE [LABEL]  set a configuration value (LABEL defaults to "operator")
-  config get KEY                print a key's value, type and label
-  config list                   print every key
-  help                          print this list
-  quit                          leave the shell
-Administration commands (NAME [ARGUMENT...]):
-)";
-
-std::string quotedText(const std::string& text) {
-  std::string quoted = "\"";
-  for (char c : text) {
-    if (c == '"' || c == '\\') {
-      quoted += '\\';
-    }
-    quoted += c;
-  }
-  return quoted + '"';
-}
-
-std::string utf16Text(const std::u16string& text) {
-  std::string shown = "u\"";
-  for (char16_t unit : text) {
-    if (unit >= 0x20 && unit < 0x7f && unit != u'"' && unit != u'\\') {
-      shown += static_cast<char>(unit);
-    } else {
-      char escaped[8];
-      std::snprintf(escaped, sizeof escaped, "\\u%04x", static_cast<unsigned>(unit));
-      shown += escaped;
-    }
-  }
-  return shown + '"';
-}
-
-// A value as the shell prints it, and the name of its type.
-template <typename T>
-std::pair<std::string, std::string> shown(const T& value) {
-  if constexpr (std::is_same_v<T, bool>) {
-    return {value ? "true" : "false", "bool"};
-  } else if constexpr (std::is_same_v<T, int>) {
-    return {std::to_string(value), "int"};
-  } else if constexpr (std::is_same_v<T, unsigned int>) {
-    return {std::to_string(value), "unsigned"};
-  } else if constexpr (std::is_same_v<T, double>) {
-    std::ostringstream text;
-    text << value;
-    return {text.str(), "double"};
-  } else if constexpr (std::is_same_v<T, std::string>) {
-    return {quotedText(value), "string"};
-  } else if constexpr (std::is_same_v<T, std::u16string>) {
-    return {utf16Text(value), "utf-16 string"};
-  } else {
-    std::string text = "[";
-    std::string element = "value";
-    for (std::size_t i = 0; i < value.size(); ++i) {
-      auto item = shown(static_cast<typename T::value_type>(value[i]));
-      text += (i == 0 ? "" : ", ") + item.first;
-      element = item.second;
-    }
-    if (value.empty()) {
-      element = shown(typename T::value_type()).second;
-    }
-    return {text + "]", "list of " + element};
-  }
-}
-
-std::pair<std::string, std::string> shown(const configuration::ConfigValue& value) {
-  return boost::apply_visitor([](const auto& alternative) { return shown(alternative); }, value);
-}
+// The commands the shell adds to the administration commands, as "help" lists them.
+struct ShellCommand {
+  const char* name;
+  const char* lines;
+};
+const ShellCommand kShellCommands[] = {
+    {"send",
+     "  send ADDRESS TYPE [TEXT]      send a message (TYPE: ping, greeting, order) and print the answer\n"},
+    {"config",
+     "  config set KEY VALUE [LABEL]  set a configuration value (LABEL defaults to \"operator\")\n"
+     "  config get KEY                print a key's value, type and label\n"
+     "  config list                   print every key\n"},
+    {"quit", "  quit                          leave the shell (so does Ctrl-D on an empty line)\n"},
+};
+const char* const kShellCommandsTitle = "Shell commands:\n";
+const char* const kAdministrationTitle =
+    "Administration commands (NAME [ARGUMENT...]), \"help NAME\" included:\n";
+const char* const kConfigForms = "set KEY VALUE [LABEL], get KEY or list";
 
 // The typed value of a `config set` word: quoted words are strings; true and false are bools;
 // whole numbers are ints (and must fit one); anything else is a string.
@@ -184,7 +137,8 @@ std::unique_ptr<Message> makeMessage(const std::string& type, const std::string*
   if (type == "order") {
     return std::make_unique<demo::Order>(text != nullptr ? *text : std::string());
   }
-  throw std::invalid_argument("unknown message type \"" + type + "\"; the types are " + kMessageTypes);
+  throw std::invalid_argument("unknown message type " + host::quoted(type, host::kEchoLimit) +
+                              "; the types are " + kMessageTypes);
 }
 
 std::string describeAnswer(const std::unique_ptr<Message>& answer) {
@@ -203,9 +157,45 @@ const foundation::log::channel& shellLog() {
   return channel;
 }
 
+std::string plural(std::size_t count, const char* word) {
+  return std::to_string(count) + " " + word + (count == 1 ? "" : "s");
+}
+
+// Passes everything on to another stream buffer, control bytes other than line feed and tab
+// escaped. Unbuffered, so that it and the stream that owns the other buffer stay in order.
+class PrintableBuffer final : public std::streambuf {
+ public:
+  explicit PrintableBuffer(std::streambuf* target) : target_(target) {}
+
+ protected:
+  int_type overflow(int_type c) override {
+    if (traits_type::eq_int_type(c, traits_type::eof())) {
+      return traits_type::not_eof(c);
+    }
+    const char byte = traits_type::to_char_type(c);
+    return xsputn(&byte, 1) == 1 ? c : traits_type::eof();
+  }
+  std::streamsize xsputn(const char* text, std::streamsize count) override {
+    const std::string shown = host::printable(std::string_view(text, static_cast<std::size_t>(count)));
+    const auto size = static_cast<std::streamsize>(shown.size());
+    return target_->sputn(shown.data(), size) == size ? count : 0;
+  }
+  int sync() override { return target_->pubsync(); }
+
+ private:
+  std::streambuf* const target_;
+};
+
 }  // namespace
 
-Shell::Shell(std::ostream& out, std::ostream& err) : out_(out), err_(err) {
+struct Shell::PrintableOut {
+  explicit PrintableOut(std::ostream& out) : buffer(out.rdbuf()), stream(&buffer) {}
+  PrintableBuffer buffer;
+  std::ostream stream;
+};
+
+Shell::Shell(std::ostream& out, std::ostream& err)
+    : out_(out), err_(err), svcOut_(std::make_unique<PrintableOut>(out)) {
   configuration_ =
       std::make_shared<host::ConfigurationStore>([this](const std::string& key, std::exception_ptr error) {
         std::string reason;
@@ -223,7 +213,7 @@ Shell::Shell(std::ostream& out, std::ostream& err) : out_(out), err_(err) {
   connector_ = std::make_shared<host::Connector>();
   connector_->addServiceProvider(kEchoName, std::make_shared<common_services::EchoServiceProvider>());
   connector_->addServiceProvider(kLoggerName, std::make_shared<common_services::LoggingServiceProvider>(
-                                                  configuration_, kLoggerName, out_));
+                                                  configuration_, kLoggerName, svcOut_->stream));
   connector_->setRoute(kEchoAddress, {kLoggerName, kEchoName});
   connectorCommands_ = std::make_unique<common_services::ConnectorCommandProvider>(connector_, registry_);
   logCommands_ = std::make_unique<common_services::LoggingCommandProvider>(registry_);
@@ -262,7 +252,7 @@ bool Shell::run(const std::string& line) {
     if (!result.succeeded) {
       return fail(result.text);
     }
-    out_ << result.text;
+    out_ << host::printable(result.text);
     if (!result.text.empty() && result.text.back() != '\n') {
       out_ << '\n';
     }
@@ -319,7 +309,7 @@ bool Shell::send(const std::vector<Word>& words) {
   }
   try {
     std::unique_ptr<Message> answer = connector_->send(std::move(message), Address(words[1].text)).get();
-    out_ << "answer: " << describeAnswer(answer) << std::endl;
+    out_ << "answer: " << host::printable(describeAnswer(answer)) << std::endl;
     return true;
   } catch (const std::exception& error) {
     return fail(error.what());
@@ -327,60 +317,101 @@ bool Shell::send(const std::vector<Word>& words) {
 }
 
 bool Shell::config(const std::vector<Word>& words) {
-  const std::string sub = words.size() > 1 ? words[1].text : std::string();
-  if (sub == "list" && words.size() == 2) {
+  if (words.size() == 1) {
+    return fail(std::string("config needs one of: ") + kConfigForms);
+  }
+  const std::string& sub = words[1].text;
+  const std::size_t given = words.size() - 2;  // the words after the subcommand
+  if (sub == "list") {
+    if (given != 0) {
+      return fail("config list takes nothing more, but was given " + plural(given, "word"));
+    }
     for (const auto& entry : configuration_->list()) {
       out_ << describeEntry(entry) << '\n';
     }
     out_.flush();
     return true;
   }
-  if (sub == "get" && words.size() == 3) {
+  if (sub == "get") {
+    if (given != 1) {
+      return fail("config get takes one KEY, but was given " + plural(given, "word"));
+    }
     std::optional<host::ConfigurationStore::Entry> entry = configuration_->get(words[2].text);
     if (!entry) {
-      return fail("configuration key \"" + words[2].text + "\" has no value; \"config list\" shows the keys");
+      return fail("configuration key " + host::quoted(words[2].text, host::kEchoLimit) +
+                  " has no value; \"config list\" shows the keys");
     }
     out_ << describeEntry(*entry) << std::endl;
     return true;
   }
-  if (sub == "set" && (words.size() == 4 || words.size() == 5)) {
-    const std::string& key = words[2].text;
-    const std::string label = words.size() == 5 ? words[4].text : kOperatorLabel;
-    bool inForce = false;
-    try {
-      configuration::ConfigValue value = parseValue(words[3].text, words[3].quoted);
-      {
-        std::lock_guard<std::mutex> lock(deliveryErrorsMutex_);
-        deliveryErrors_.clear();
-      }
-      inForce = configuration_->set(key, std::move(value), label).get();
-    } catch (const std::exception& error) {
-      return fail(error.what());
-    }
-    std::vector<std::string> refusals;
+  if (sub != "set") {
+    return fail("config has no subcommand " + host::quoted(sub, host::kEchoLimit) + "; use " + kConfigForms);
+  }
+  if (given < 2 || given > 3) {
+    return fail("config set takes KEY VALUE [LABEL], but was given " + plural(given, "word") +
+                "; quote a VALUE that has blanks");
+  }
+  const std::string& key = words[2].text;
+  const std::string label = given == 3 ? words[4].text : kOperatorLabel;
+  bool inForce = false;
+  configuration::ConfigValue value;
+  try {
+    value = parseValue(words[3].text, words[3].quoted);
     {
       std::lock_guard<std::mutex> lock(deliveryErrorsMutex_);
-      refusals.swap(deliveryErrors_);
+      deliveryErrors_.clear();
     }
-    if (!refusals.empty()) {
-      auto value = shown(parseValue(words[3].text, words[3].quoted));
-      return fail(key + " = " + value.first + " (" + value.second + ") is stored, but " + refusals.front());
-    }
-    if (!inForce) {
-      out_ << key << ": the value is stored under \"" << label
-           << "\" but another label's value stays in force\n";
-    }
-    out_ << describeEntry(*configuration_->get(key)) << std::endl;
-    return true;
+    // The store refuses a value of another type than the key's before storing anything.
+    inForce = configuration_->set(key, value, label).get();
+  } catch (const std::exception& error) {
+    return fail(error.what());
   }
-  return fail("config takes one of: set KEY VALUE [LABEL], get KEY, list");
+  std::vector<std::string> refusals;
+  {
+    std::lock_guard<std::mutex> lock(deliveryErrorsMutex_);
+    refusals.swap(deliveryErrors_);
+  }
+  if (!refusals.empty()) {
+    return fail(key + " = " + host::describeValue(value) + " (" + host::describeType(value) +
+                ") is stored, but " + refusals.front());
+  }
+  if (!inForce) {
+    out_ << key << ": the value is stored under " << host::quoted(label)
+         << " but another label's value stays in force\n";
+  }
+  out_ << describeEntry(*configuration_->get(key)) << std::endl;
+  return true;
 }
 
 bool Shell::help(const std::vector<Word>& words) {
-  if (words.size() != 1) {
-    return fail("help takes no arguments");
+  if (words.size() > 2) {
+    return fail("help takes at most one COMMAND, but was given " + plural(words.size() - 1, "word"));
   }
-  out_ << kShellHelp << registry_->execute("help", {}).text;
+  if (words.size() == 2) {
+    for (const ShellCommand& command : kShellCommands) {
+      if (words[1].text == command.name) {
+        out_ << command.lines;
+        out_.flush();
+        return true;
+      }
+    }
+  }
+  std::vector<std::string> arguments;
+  if (words.size() == 2) {
+    arguments.push_back(words[1].text);
+  }
+  const host::CommandRegistry::Result result = registry_->execute("help", std::move(arguments));
+  if (!result.succeeded) {
+    return fail(result.text);
+  }
+  if (words.size() == 1) {
+    out_ << kShellCommandsTitle;
+    for (const ShellCommand& command : kShellCommands) {
+      out_ << command.lines;
+    }
+    out_ << kAdministrationTitle;
+  }
+  out_ << host::printable(result.text);
   out_.flush();
   return true;
 }
@@ -388,21 +419,22 @@ bool Shell::help(const std::vector<Word>& words) {
 bool Shell::fail(const std::string& text) {
   shellLog().debug("failed: " + text);
   out_.flush();
-  err_ << "error: " << text << std::endl;
+  err_ << "error: " << host::printable(text) << std::endl;
   return false;
 }
 
 std::string Shell::describeEntry(const host::ConfigurationStore::Entry& entry) const {
-  auto value = shown(entry.value);
-  return entry.key + " = " + value.first + " (" + value.second + ", label \"" + entry.label + "\")";
+  return host::printable(entry.key) + " = " + host::describeValue(entry.value) + " (" +
+         host::describeType(entry.value) + ", label " + host::quoted(entry.label) + ")";
 }
 
 std::vector<std::string> Shell::commandNames() const {
-  std::vector<std::string> names{"send", "config", "help", "quit"};
+  std::vector<std::string> names;
+  for (const ShellCommand& command : kShellCommands) {
+    names.push_back(command.name);
+  }
   for (const auto& command : registry_->describeCommands()) {
-    if (command.name != "help") {
-      names.push_back(command.name);
-    }
+    names.push_back(command.name);
   }
   return names;
 }
@@ -411,6 +443,9 @@ std::vector<std::string> Shell::secondWords(const std::string& first) const {
   if (first == "config") {
     return {"set", "get", "list"};
   }
+  if (first == "help") {
+    return commandNames();
+  }
   std::vector<std::string> words;
   if (first == "send") {
     for (const auto& route : connector_->getRoutes()) {
@@ -418,6 +453,25 @@ std::vector<std::string> Shell::secondWords(const std::string& first) const {
     }
   }
   return words;
+}
+
+std::vector<std::string> Shell::completions(const std::vector<std::string>& before) const {
+  if (before.empty()) {
+    return commandNames();
+  }
+  if (before.size() == 1) {
+    return secondWords(before[0]);
+  }
+  if (before.size() == 2 && before[0] == "send") {
+    return {"ping", "greeting", "order"};
+  }
+  std::vector<std::string> keys;
+  if (before.size() == 2 && before[0] == "config" && (before[1] == "get" || before[1] == "set")) {
+    for (const auto& entry : configuration_->list()) {
+      keys.push_back(entry.key);
+    }
+  }
+  return keys;
 }
 
 std::string Shell::usage() {

@@ -6,7 +6,9 @@
 // LoggingCommandProvider. A line is split into words at blanks; double quotes group a word (a
 // backslash inside them escapes the next character). Results go to `out`; each error is one
 // line "error: ..." on `err`, written after `out` has been flushed so that the two stay in order
-// on a terminal. The Shell owns the host; the streams must outlive it. One thread at a time.
+// on a terminal. Whatever came from a user (answers, values, svc's prefix, echoed input) is
+// printed with its control bytes escaped, so that no text can clear or recolour the terminal.
+// The Shell owns the host; the streams must outlive it. One thread at a time.
 #pragma once
 
 #include <iosfwd>
@@ -43,8 +45,13 @@ class Shell {
 
   // What may be typed as the first word of a line, for completion.
   std::vector<std::string> commandNames() const;
-  // Words that may follow `first` as the second word ("config" subcommands, "send" addresses).
+  // Words that may follow `first` as the second word ("config" subcommands, "send" addresses,
+  // the commands that "help" describes).
   std::vector<std::string> secondWords(const std::string& first) const;
+  // Words that may follow the words `before` (the line's complete words so far): command names
+  // first, then second words, then message types after "send ADDRESS" and configuration keys
+  // after "config get" and "config set".
+  std::vector<std::string> completions(const std::vector<std::string>& before) const;
 
   // The text of the shell's --help.
   static std::string usage();
@@ -62,9 +69,12 @@ class Shell {
   bool fail(const std::string& text);
   std::string describeEntry(const host::ConfigurationStore::Entry& entry) const;
 
+  struct PrintableOut;  // `out` seen through a filter that escapes control bytes
+
   std::ostream& out_;
   std::ostream& err_;
   bool quit_ = false;
+  const std::unique_ptr<PrintableOut> svcOut_;  // where svc writes its lines; outlives the host
 
   std::mutex deliveryErrorsMutex_;
   std::vector<std::string> deliveryErrors_;  // guarded by deliveryErrorsMutex_; refusals of the last set

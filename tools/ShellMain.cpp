@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <string>
@@ -15,6 +16,7 @@
 #include <readline/readline.h>
 
 #include "foundation/log/Log.h"
+#include "host/DisplayText.h"
 #include "tools/Shell.h"
 
 namespace {
@@ -89,7 +91,7 @@ int batch(connector::shell::Shell& shell, std::istream& input, bool echo) {
     if (echo) {
       const std::size_t first = line.find_first_not_of(" \t\r");
       const bool command = first != std::string::npos && line[first] != '#';
-      std::cout << (command ? kPrompt : "") << line << std::endl;
+      std::cout << (command ? kPrompt : "") << connector::host::printable(line) << std::endl;
     }
     failed = !shell.run(line) || failed;
   }
@@ -132,9 +134,16 @@ int main(int argc, char** argv) {
 
   std::ifstream file;
   if (!script.empty()) {
+    // A directory opens as a stream that reads nothing, which would run no command and succeed.
+    std::error_code ignored;
+    if (std::filesystem::is_directory(script, ignored)) {
+      return usageError("cannot read the script " + connector::host::quoted(script) +
+                        ": it is a directory, not a file of commands");
+    }
     file.open(script);
     if (!file) {
-      return usageError("cannot read the script \"" + script + "\": " + std::strerror(errno));
+      return usageError("cannot read the script " + connector::host::quoted(script) + ": " +
+                        std::strerror(errno));
     }
   }
 

@@ -186,6 +186,26 @@ TEST(ConfigurationStore, DefaultIsTheLowestLayerAndTheNewestOtherLabelWins) {
   EXPECT_THROW(store.set("k", 1, "").get(), std::invalid_argument);
 }
 
+// A key keeps the alternative of its first value, whatever the label: a value of another one is
+// refused, every time, with nothing stored or delivered.
+TEST(ConfigurationStore, AKeyRefusesAValueOfAnotherTypeThanItsFirst) {
+  host::ConfigurationStore store;
+  store.set("svc.enabled", true, "default");
+  auto subscriber = subscribe(store, "k", UINT64_MAX);
+  store.set("k", 1, "operator");
+  for (const char* label : {"operator", "default", "operator"}) {
+    try {
+      store.set("svc.enabled", 1, label).get();
+      ADD_FAILURE() << "an int was taken for a bool key under " << label;
+    } catch (const std::invalid_argument& error) {
+      EXPECT_STREQ(error.what(), "svc.enabled takes a bool (true or false), not the int 1");
+    }
+    EXPECT_THROW(store.set("k", std::string("2"), label).get(), std::invalid_argument);
+  }
+  EXPECT_EQ(store.get("svc.enabled")->label, "default");
+  EXPECT_EQ(subscriber->values, (std::vector<int>{1}));
+}
+
 // The current value first, then each change of the effective value in order, each only when
 // requested (request(0) asks for nothing); after cancel(), from outside or from inside onNext,
 // nothing more.
@@ -258,7 +278,8 @@ std::string outcome(const host::CommandRegistry& registry, const std::string& na
 }
 
 // A call that cannot run, or whose handler throws, comes back as an error text naming the
-// command and what was wrong; a count within the bounds (both included) reaches the handler.
+// command and what was wrong; a count within the bounds (both included) reaches the handler, and
+// a maximum of 255 sets no upper limit.
 TEST(CommandRegistry, BadCallsAndFailingHandlersBecomeErrorTexts) {
   for (const auto& [min, max, given, answer] : std::vector<std::tuple<int, int, int, std::string>>{
            {0, 0, 1, "error: command \"c\" takes no arguments, but was given 1"},
@@ -266,9 +287,8 @@ TEST(CommandRegistry, BadCallsAndFailingHandlersBecomeErrorTexts) {
            {2, 2, 3, "error: command \"c\" takes exactly 2 arguments, but was given 3"},
            {0, 1, 2, "error: command \"c\" takes 0 to 1 arguments, but was given 2"},
            {1, 255, 0, "error: command \"c\" takes at least 1 argument, but was given 0"},
-           {0, 255, 256, "error: command \"c\" takes at most 255 arguments, but was given 256"},
            {1, 1, 1, "1"},
-           {0, 255, 255, "255"}}) {
+           {0, 255, 300, "300"}}) {
     host::CommandRegistry registry;
     registry.registerCommand(command("c", min, max));
     EXPECT_EQ(outcome(registry, "c", given), answer);
@@ -278,6 +298,11 @@ TEST(CommandRegistry, BadCallsAndFailingHandlersBecomeErrorTexts) {
       command("bad", 0, 0, [](Arguments&&) -> std::string { throw std::invalid_argument("no"); }));
   registry.registerCommand(command("odd", 0, 0, [](Arguments&&) -> std::string { throw 42; }));
   EXPECT_EQ(outcome(registry, "nope"), "error: unknown command \"nope\"; \"help\" lists the commands");
+  EXPECT_EQ(outcome(registry, std::string(20000, 'n') + "\x1b[2J"),
+            "error: unknown command \"" + std::string(60, 'n') +
+                "...\" (20004 bytes); \"help\" lists the commands");
+  EXPECT_EQ(outcome(registry, "\x1b[2J\"é"),
+            "error: unknown command \"\\x1b[2J\\\"é\"; \"help\" lists the commands");
   EXPECT_EQ(outcome(registry, "bad"), "error: command \"bad\" failed: no");
   EXPECT_EQ(outcome(registry, "odd"),
             "error: command \"odd\" failed with an exception that is not a std::exception");
@@ -299,14 +324,19 @@ TEST(CommandRegistry, RegistrationKeepsTheFirstCommandOfAName) {
   EXPECT_FALSE(registry.unregisterCommand("a").get());
 }
 
-TEST(CommandRegistry, HelpListsEveryCommandWithItsDescriptionByName) {
+// "help" lists every command once, by name, with its description and bounds; "help NAME" the
+// one command.
+TEST(CommandRegistry, HelpListsEveryCommandWithItsBoundsOrDescribesOne) {
   host::CommandRegistry registry;
-  registry.registerCommand(command("connector.b"));
-  registry.registerCommand(command("connector.alpha"));
+  registry.registerCommand(command("connector.b", 1, 1));
+  registry.registerCommand(command("connector.alpha", 0, 255));
   EXPECT_EQ(outcome(registry, "help"),
-            "connector.alpha  Does connector.alpha.\n"
-            "connector.b      Does connector.b.\n"
-            "help             List every command with its description.\n");
+            "connector.alpha  Does connector.alpha. (any number of arguments)\n"
+            "connector.b      Does connector.b. (1 argument)\n"
+            "help             List every command, or describe the one named. (0 to 1 arguments)\n");
+  EXPECT_EQ(registry.execute("help", {"connector.b"}).text, "connector.b  Does connector.b. (1 argument)\n");
+  EXPECT_EQ(outcome(registry, "help", 1),
+            "error: command \"help\" failed: there is no command \"x\"; \"help\" lists the commands");
 }
 
 }  // namespace
