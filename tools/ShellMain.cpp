@@ -1,6 +1,9 @@
 // connector-shell: reads commands from a script, a pipe or a terminal and runs them on a Shell.
 // See Shell::usage() (or --help) for what it offers.
+#include <sys/select.h>
 #include <unistd.h>
+
+#include <csignal>
 
 #include <cerrno>
 #include <cstdio>
@@ -22,6 +25,8 @@
 namespace {
 
 const char* const kPrompt = "connector> ";
+const char* const kHistoryFileName = ".connector_shell_history";
+constexpr int kHistoryLines = 1000;
 
 // Readline's completion callbacks are plain functions; they reach the running shell through this.
 const connector::shell::Shell* completingShell = nullptr;
@@ -42,7 +47,7 @@ char* nextCandidate(const char* text, int state) {
   return nullptr;
 }
 
-// Completes the first word from the shell's commands and the second from what may follow it.
+// Completes a word from what the shell says may follow the complete words before it.
 char** complete(const char* text, int start, int) {
   rl_attempted_completion_over = 1;  // never fall back to file names
   std::string before(rl_line_buffer, static_cast<std::size_t>(start));
@@ -53,31 +58,94 @@ char** complete(const char* text, int start, int) {
     words.push_back(before.substr(from, to - from));
     from = to;
   }
-  if (words.empty()) {
-    completionCandidates = completingShell->commandNames();
-  } else if (words.size() == 1) {
-    completionCandidates = completingShell->secondWords(words[0]);
-  } else {
-    return nullptr;
+  completionCandidates = completingShell->completions(words);
+  return completionCandidates.empty() ? nullptr : rl_completion_matches(text, nextCandidate);
+}
+
+// The history file: $HOME/.connector_shell_history, or none when HOME is not set.
+std::string historyFile() {
+  const char* home = std::getenv("HOME");
+  return home != nullptr && home[0] != '\0' ? std::string(home) + "/" + kHistoryFileName : std::string();
+}
+
+// Set by SIGINT; the loop below clears the line being typed when it sees it. A handler can do
+// no more than this safely, which is why the loop uses readline's callback interface.
+volatile std::sig_atomic_t interrupted = 0;
+
+void onInterrupt(int) {
+  interrupted = 1;
+}
+
+// What the line handler, a plain function, works on.
+connector::shell::Shell* lineShell = nullptr;
+bool endOfInput = false;
+
+void onLine(char* line) {
+  if (line == nullptr) {  // Ctrl-D on an empty line
+    std::cout << '\n';
+    endOfInput = true;
+    return;
   }
-  return rl_completion_matches(text, nextCandidate);
+  const std::string text(line);
+  std::free(line);
+  if (!text.empty()) {
+    add_history(text.c_str());
+    const std::string file = historyFile();
+    // Appended line by line, so that a shell that is killed keeps what was typed before.
+    if (!file.empty() && append_history(1, file.c_str()) != 0) {
+      write_history(file.c_str());
+    }
+  }
+  lineShell->run(text);
 }
 
 int interactive(connector::shell::Shell& shell) {
   completingShell = &shell;
+  lineShell = &shell;
   rl_attempted_completion_function = complete;
-  while (!shell.quitRequested()) {
-    char* line = readline(kPrompt);
-    if (line == nullptr) {
-      std::cout << '\n';
+  const std::string file = historyFile();
+  stifle_history(kHistoryLines);
+  if (!file.empty()) {
+    read_history(file.c_str());
+    history_truncate_file(file.c_str(), kHistoryLines);
+  }
+
+  // Ctrl-C abandons the line being typed instead of ending the shell. No SA_RESTART, so that
+  // select() below returns at once.
+  rl_catch_signals = 0;
+  struct sigaction action {};
+  action.sa_handler = onInterrupt;
+  sigemptyset(&action.sa_mask);
+  sigaction(SIGINT, &action, nullptr);
+
+  rl_callback_handler_install(kPrompt, onLine);
+  while (!shell.quitRequested() && !endOfInput) {
+    fd_set input;
+    FD_ZERO(&input);
+    FD_SET(fileno(rl_instream), &input);
+    const int ready = select(fileno(rl_instream) + 1, &input, nullptr, nullptr, nullptr);
+    if (interrupted) {
+      interrupted = 0;
+      rl_free_line_state();
+      rl_callback_sigcleanup();
+      std::fputs("^C", rl_outstream);
+      rl_crlf();
+      rl_replace_line("", 0);
+      rl_on_new_line();
+      rl_redisplay();
+      continue;
+    }
+    if (ready < 0 && errno != EINTR) {
+      std::perror("connector-shell: waiting for input");
       break;
     }
-    if (line[0] != '\0') {
-      add_history(line);
+    if (ready > 0) {
+      rl_callback_read_char();
     }
-    const std::string text(line);
-    std::free(line);
-    shell.run(text);
+  }
+  rl_callback_handler_remove();
+  if (!file.empty()) {
+    history_truncate_file(file.c_str(), kHistoryLines);
   }
   return 0;
 }

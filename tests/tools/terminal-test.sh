@@ -1,7 +1,8 @@
 #!/bin/sh
 # Drives connector-shell in a terminal: tmux runs it in a detached pane, the test types keys and
 # reads the screen back with capture-pane. Covers the prompt, line editing (backspace, moving to
-# the start of the line), Tab completion, history, an error, and quitting.
+# the start of the line), Tab completion, history kept in a bounded file under $HOME, Ctrl-C
+# abandoning a line, an error, and leaving with Ctrl-D.
 # Usage: terminal-test.sh SHELL
 set -u
 shell=$1
@@ -43,14 +44,29 @@ expect() {
 
 type_line() { tm send-keys -t shell -l "$1"; }
 
+# A history from earlier sessions, longer than the shell keeps.
+history="$work/.connector_shell_history"
+seq 1 1500 | sed 's/^/# earlier /' >"$history"
+
 # The pane stays after the shell ends, showing its exit status.
 tm new-session -d -s shell -x 132 -y 60 -c "$work" \
-  "'$shell' --log-dir '$work'; echo connector-shell exited with \$?" || exit 1
+  "HOME='$work' '$shell' --log-dir '$work'; echo connector-shell exited with \$?" || exit 1
 tm set-option -t shell remain-on-exit on >/dev/null
 expect "connector>"
 
-# A request through the logging provider.
-type_line 'send echo greeting "hi there"'
+# The up arrow brings back the last line of the history file; Ctrl-C abandons it, and the shell
+# goes on with an empty line (Tab completes a configuration key on it).
+tm send-keys -t shell Up
+expect 'connector> # earlier 1500'
+tm send-keys -t shell C-c
+type_line 'config get svc.pre'
+tm send-keys -t shell Tab Enter
+expect 'svc.prefix = "" (string, label "default")'
+
+# A request through the logging provider; Tab completes the message type.
+type_line 'send echo gree'
+tm send-keys -t shell Tab
+type_line '"hi there"'
 tm send-keys -t shell Enter
 expect ': Request (0): demo::Greeting'
 expect 'answer: demo::Greeting "hi there"'
@@ -82,7 +98,12 @@ type_line 'send echo ping'
 tm send-keys -t shell Enter
 expect 'answer: demo::Ping'
 
-type_line 'quit'
-tm send-keys -t shell Enter
+# Ctrl-D on an empty line leaves; the history file keeps the newest lines, this session's last.
+tm send-keys -t shell C-d
 expect -x 'connector-shell exited with 0'
+if [ "$(wc -l <"$history")" -ne 1000 ] || [ "$(tail -n 1 "$history")" != 'send echo ping' ]; then
+  echo "FAILED: $history should hold 1000 lines ending with this session's last one; it holds:"
+  tail -n 3 "$history"
+  exit 1
+fi
 echo "the shell answered every keystroke as expected"
