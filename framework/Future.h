@@ -249,8 +249,8 @@ class Future {
  public:
   using State = detail::SharedFutureState<T>;
 
-  // A valid handle over an existing state (which may be null: get() then fails as invalid).
-  explicit Future(std::shared_ptr<State> s) noexcept : state(std::move(s)), valid(true) {}
+  // A handle over `s`, valid unless `s` is null (a null state is no state to wait on).
+  explicit Future(std::shared_ptr<State> s) noexcept : state(std::move(s)), valid(state != nullptr) {}
   Future(Future&& other) noexcept : state(std::move(other.state)), valid(other.valid.exchange(false)) {}
   Future& operator=(Future&& other) noexcept {
     if (this != &other) {

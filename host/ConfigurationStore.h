@@ -73,6 +73,7 @@ class ConfigurationStore final : public configuration::Configuration {
   explicit ConfigurationStore(DeliveryErrorHandler onDeliveryError = {});
   ~ConfigurationStore() override;
 
+  using Configuration::set;  // texts are stored as std::string, not as bool
   Future<bool> set(const std::string& key, ConfigValue value, const std::string& label) override;
   std::shared_ptr<reactive_streams::Publisher<ConfigValue>> observe(const std::string& key) override;
 

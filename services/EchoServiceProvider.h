@@ -19,8 +19,9 @@ class CONNECTOR_EXPORT EchoServiceProvider : public connector::ServiceProvider {
   ~EchoServiceProvider() override;
 
   // Moves `message` into an already resolved Future. The address and the context are neither
-  // read nor moved from. If allocating the answer fails, std::bad_alloc leaves here and the
-  // caller still owns the message.
+  // read nor moved from, so the context may be null here; a provider in front of the echo
+  // service, such as LoggingServiceProvider, needs a real one. If allocating the answer fails, std::bad_alloc
+  // leaves here and the caller still owns the message.
   Future<std::unique_ptr<Message>> deliver(std::unique_ptr<Message>&& message, Address&& address,
                                            std::shared_ptr<Context>&& context) override;
 };

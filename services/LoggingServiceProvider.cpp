@@ -6,6 +6,7 @@
 #include <exception>
 #include <functional>
 #include <optional>
+#include <stdexcept>
 #include <thread>
 #include <typeinfo>
 #include <utility>
@@ -29,6 +30,9 @@ constexpr const char* kFilterKeySuffix = ".filter";
 constexpr const char* kPrefixKeySuffix = ".prefix";
 constexpr const char* kEnabledKeySuffix = ".enabled";
 constexpr const char* kDefaultLabel = "default";
+constexpr const char* kNullContext =
+    "LoggingServiceProvider::deliver needs a context to forward the request through; got a null "
+    "std::shared_ptr<connector::Context>";
 
 // The tokens of the lines, between the prefix, the numbers and the type names.
 constexpr std::string_view kRequestOpen = ": Request (";
@@ -302,6 +306,9 @@ Future<std::unique_ptr<Message>> LoggingServiceProvider::deliver(std::unique_ptr
                                                                  Address&& address,
                                                                  std::shared_ptr<Context>&& context) {
   const std::string_view requestType = messageTypeName(message);
+  if (!context) {
+    throw std::invalid_argument(kNullContext);
+  }
   if (!settings->enabled.load() || !settings->filter.isPrefixOf(requestType)) {
     return context->forward(std::move(message), std::move(address));
   }

@@ -31,8 +31,8 @@
 #include <string_view>
 #include <vector>
 
-#include "framework/Configuration.h"
 #include "foundation/Export.h"
+#include "framework/Configuration.h"
 #include "framework/ReactiveStreams.h"
 #include "framework/ServiceProvider.h"
 
@@ -61,7 +61,10 @@ class CONNECTOR_EXPORT LoggingServiceProvider : public connector::ServiceProvide
   // or Rejected with the failure after an exception line. Only a failure to write the request
   // line or the exception line leaves here as an exception.
   //
-  // An empty `message` throws std::bad_typeid before anything else happens.
+  // Precondition: `context` is not null, since every request goes on through it. An empty
+  // `message` throws std::bad_typeid before anything else happens; then a null `context` throws
+  // std::invalid_argument, before a request number is taken or a line written; in both cases the
+  // message stays with the caller.
   Future<std::unique_ptr<Message>> deliver(std::unique_ptr<Message>&& message, Address&& address,
                                            std::shared_ptr<Context>&& context) override;
 

@@ -171,6 +171,7 @@ TEST(PromiseAndFuture, EachFailureIsReportedWithItsOwnText) {
   }
   owner.resolve(message("value"));
   EXPECT_EQ(outcome(movedTo), "value");
+  EXPECT_FALSE(Future<bool>(nullptr).isValid()) << "a handle over no state reported itself valid";
 }
 
 // get() throws the stored exception object itself; a stored std::exception_ptr object is

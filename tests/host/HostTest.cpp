@@ -4,6 +4,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <tuple>
 #include <vector>
@@ -204,6 +205,22 @@ TEST(ConfigurationStore, AKeyRefusesAValueOfAnotherTypeThanItsFirst) {
   }
   EXPECT_EQ(store.get("svc.enabled")->label, "default");
   EXPECT_EQ(subscriber->values, (std::vector<int>{1}));
+}
+
+// A text is stored as a std::string however it is given, not as the bool that the variant
+// prefers for a pointer; a literal 0 stays an int.
+TEST(ConfigurationStore, TextsAreStoredAsStringsAndZeroAsAnInt) {
+  host::ConfigurationStore store;
+  configuration::Configuration& base = store;
+  base.set("literal", "app::Ping", "operator");
+  store.set("view", std::string_view("app::Pong"), "operator");
+  store.set("zero", 0, "operator");
+  const char* none = nullptr;
+  EXPECT_THROW(store.set("none", none, "operator").get(), std::invalid_argument);
+  EXPECT_EQ(boost::get<std::string>(store.get("literal")->value), "app::Ping");
+  EXPECT_EQ(boost::get<std::string>(store.get("view")->value), "app::Pong");
+  EXPECT_EQ(boost::get<int>(store.get("zero")->value), 0);
+  EXPECT_FALSE(store.get("none"));
 }
 
 // The current value first, then each change of the effective value in order, each only when

@@ -178,8 +178,23 @@ TEST_F(LoggingProvider, ATypeNameHoldingClassLosesItsFirstSixCharacters) {
 
 // Off, or filtered out: the context's own future comes back, pending as it was, no number is
 // taken, nothing is written, and an exception of forward() leaves deliver() itself. An empty
-// request is refused first, whatever the settings.
+// request is refused first, then a null context, whatever the settings; the message stays with
+// the caller.
 TEST_F(LoggingProvider, ARequestNotSelectedPassesThroughUntouched) {
+  const auto refusesNullContext = [this] {
+    MessagePtr message = std::make_unique<app::Ping>();
+    try {
+      provider.deliver(std::move(message), Address("svc"), nullptr);
+      ADD_FAILURE() << "a null context was accepted";
+    } catch (const std::invalid_argument& error) {
+      EXPECT_STREQ(
+          error.what(),
+          "LoggingServiceProvider::deliver needs a context to forward the request through; got a null "
+          "std::shared_ptr<connector::Context>");
+    }
+    EXPECT_NE(message, nullptr);
+    EXPECT_THROW(provider.deliver(nullptr, Address("svc"), nullptr), std::bad_typeid);
+  };
   for (const auto& [key, value] : std::vector<std::pair<std::string, ConfigValue>>{
            {"svc.enabled", false}, {"svc.filter", std::string("app::Pong")}}) {
     SCOPED_TRACE(key);
@@ -188,6 +203,7 @@ TEST_F(LoggingProvider, ARequestNotSelectedPassesThroughUntouched) {
     Future<MessagePtr> pending = promise.getFuture();
     auto context = std::make_shared<FakeContext>([&](MessagePtr&&) { return std::move(pending); });
     EXPECT_THROW(provider.deliver(nullptr, Address("svc"), context), std::bad_typeid);
+    refusesNullContext();
     EXPECT_EQ(provider.deliver(std::make_unique<app::Ping>(), Address("svc"), context).state, promise.state);
     EXPECT_EQ(context->forwardCount(), 1);
     EXPECT_EQ(context->lastAddress(), Address("svc"));
@@ -199,6 +215,7 @@ TEST_F(LoggingProvider, ARequestNotSelectedPassesThroughUntouched) {
   configuration->send("svc.filter", std::string());
   EXPECT_THROW(send(provider, nullptr, [](MessagePtr&&) -> Future<MessagePtr> { throw Failure(); }),
                std::bad_typeid);
+  refusesNullContext();
   EXPECT_THAT(roundTrip(), logged("0"));
 }
 

@@ -41,6 +41,7 @@ class FakeConfiguration : public configuration::Configuration {
   // observe() of this key throws std::runtime_error("observe failed").
   std::optional<std::string> failObserveOf;
 
+  using configuration::Configuration::set;
   Future<bool> set(const std::string& key, ConfigValue value, const std::string& label) override {
     std::lock_guard<std::mutex> lock(mutex_);
     calls_.push_back(Call{"set", key, std::move(value), label});
