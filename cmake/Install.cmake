@@ -1,16 +1,16 @@
-# Install rules: headers, the shared library, an exported CMake package with a version file,
-# and a pkg-config file.
+# Install rules: headers, the shared library, the reference host (a static library), an exported
+# CMake package with a version file, and a pkg-config file for the shared library.
 include(CMakePackageConfigHelpers)
 
 set(CONNECTOR_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/ConnectorCommonServices)
 
-install(TARGETS connector_framework connector_common_services
+install(TARGETS connector_framework connector_common_services connector_host
   EXPORT ConnectorCommonServicesTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 
-foreach(dir framework foundation services commands)
+foreach(dir framework foundation services commands host)
   install(DIRECTORY ${PROJECT_SOURCE_DIR}/${dir}/
     DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/connector/${dir}
     FILES_MATCHING PATTERN "*.h"

@@ -1,5 +1,14 @@
 // Control of the process log (foundation/log): where it writes and at which levels.
 //
+// Which to use: these four functions are the framework's face of the process log, the one the
+// library's connector.log.* commands (LoggingCommandProvider) call, so they are what operators
+// reach. They forward to foundation::log::destination(), set_destination(), specification() and
+// set_specification(), with the same texts, errors and effects; a host may call either. What
+// only foundation/log/Log.h offers is confinement: a host that lets anyone run commands calls
+// foundation::log::confine_file_destinations(DIR) once at start-up, before it registers
+// LoggingCommandProvider, so that setLogDestination (from a command or from code) can only open
+// files inside DIR. Nothing here changes or lifts the confinement.
+//
 // A destination is one of "stderr" (the initial one), "stdout", "null" or "file:PATH"
 // (appending). A specification is a default level followed by per-channel overrides, e.g.
 // "info" or "warn,connector.*=debug", with the levels trace, debug, info, warn, error,

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Installs the build in BUILD_DIR into a temporary prefix, then builds and runs the consumer in
-# examples/consumer against it twice: through the CMake package and through pkg-config.
+# Installs the build in BUILD_DIR into a temporary prefix, then, against that prefix alone, builds
+# and runs examples/consumer through the CMake package and through pkg-config, and
+# examples/host (the reference host, connector::host) through the CMake package.
 set -euo pipefail
 build_dir=$1
 source_dir=$2
@@ -8,13 +9,21 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
 cmake --install "$build_dir" --prefix "$work/prefix" >/dev/null
-cmake -S "$source_dir/examples/consumer" -B "$work/build" -G Ninja -DCMAKE_PREFIX_PATH="$work/prefix" >/dev/null
-cmake --build "$work/build" >/dev/null
-LD_LIBRARY_PATH="$work/prefix/lib:$work/prefix/lib/$(uname -m)-linux-gnu" "$work/build/consumer"
+libdir=$(dirname "$(dirname "$(find "$work/prefix" -name connector-common-services.pc)")")
 
-libdir=$(dirname "$(find "$work/prefix" -name connector-common-services.pc)")
-export PKG_CONFIG_PATH="$libdir"
+# CMake records the prefix's library directory in the programs it builds there.
+for example in consumer host; do
+  cmake -S "$source_dir/examples/$example" -B "$work/build-$example" -G Ninja \
+    -DCMAKE_PREFIX_PATH="$work/prefix" >/dev/null
+  cmake --build "$work/build-$example" >/dev/null
+done
+"$work/build-consumer/consumer"
+"$work/build-host/host_example" >"$work/host.out"
+grep -qx 'every answer was the message sent' "$work/host.out"
+
+# pkg-config gives no run path: the program is linked with one, as the README shows.
+export PKG_CONFIG_PATH="$libdir/pkgconfig"
 # shellcheck disable=SC2046
 c++ "$source_dir/examples/consumer/main.cpp" $(pkg-config --cflags --libs connector-common-services) \
-  -Wl,-rpath,"$(dirname "$libdir")" -o "$work/consumer-pc"
+  -Wl,-rpath,"$(pkg-config --variable=libdir connector-common-services)" -o "$work/consumer-pc"
 "$work/consumer-pc"
