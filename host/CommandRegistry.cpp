@@ -7,6 +7,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "foundation/log/Log.h"
 #include "host/DisplayText.h"
 
 namespace connector {
@@ -16,6 +17,13 @@ namespace {
 
 const char* const kHelpName = "help";
 const char* const kHelpDescription = "List every command, or describe the one named.";
+
+const char* const kAuditSucceeded = "ok";
+
+const foundation::log::channel& auditTrail() {
+  static const foundation::log::channel channel(foundation::log::audit_channel_name);
+  return channel;
+}
 
 // The most a Command record can declare; a command that declares it takes any number.
 constexpr unsigned kNoUpperLimit = 255;
@@ -143,8 +151,21 @@ Future<bool> CommandRegistry::unregisterCommand(const std::string& name) {
   return makeResolvedFuture(removed != nullptr);
 }
 
-CommandRegistry::Result CommandRegistry::execute(const std::string& name,
-                                                 std::vector<std::string> arguments) const {
+CommandRegistry::Result CommandRegistry::execute(const std::string& name, std::vector<std::string> arguments,
+                                                 const std::string& caller) const {
+  // The arguments are shown as given, before the handler may consume them.
+  std::string record = "caller=" + quoted(caller) + " command=" + quoted(name) + " arguments=[";
+  for (std::size_t i = 0; i < arguments.size(); ++i) {
+    record += (i == 0 ? "" : ", ") + quoted(arguments[i]);
+  }
+  Result result = run(name, std::move(arguments));
+  record += "] outcome=" + (result.succeeded ? std::string(kAuditSucceeded) : quoted(result.text));
+  auditTrail().info(record);
+  return result;
+}
+
+CommandRegistry::Result CommandRegistry::run(const std::string& name,
+                                             std::vector<std::string> arguments) const {
   std::shared_ptr<const administration::Command> command;
   {
     std::lock_guard<std::mutex> lock(table_->mutex);

@@ -59,12 +59,18 @@ class CommandRegistry final : public administration::Administration {
   Future<bool> registerCommand(administration::Command command) override;
   Future<bool> unregisterCommand(const std::string& name) override;
 
-  Result execute(const std::string& name, std::vector<std::string> arguments) const;
+  // Runs the command and writes one info record on the process log's audit channel
+  // ("connector.audit"): who asked (`caller`, e.g. a user name or "uid=U pid=P"), the command,
+  // its arguments quoted (blanks and line feeds visible) and the outcome, "ok" or the error text.
+  Result execute(const std::string& name, std::vector<std::string> arguments,
+                 const std::string& caller = {}) const;
 
   // Every command, "help" included, in ascending order of name.
   std::vector<Description> describeCommands() const;
 
  private:
+  Result run(const std::string& name, std::vector<std::string> arguments) const;
+
   std::shared_ptr<detail::CommandTable> table_;
 };
 

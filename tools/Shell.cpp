@@ -1,5 +1,8 @@
 #include "tools/Shell.h"
 
+#include <pwd.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -152,6 +155,12 @@ std::string describeAnswer(const std::unique_ptr<Message>& answer) {
   return foundation::core::diag::readable_type_name(typeid(message));
 }
 
+// Who the audit trail names for the commands typed here: the name of the effective user.
+std::string localUserName() {
+  const passwd* entry = ::getpwuid(::geteuid());
+  return entry != nullptr ? entry->pw_name : "uid=" + std::to_string(::geteuid());
+}
+
 const foundation::log::channel& shellLog() {
   static const foundation::log::channel channel(kLogChannel);
   return channel;
@@ -195,7 +204,7 @@ struct Shell::PrintableOut {
 };
 
 Shell::Shell(std::ostream& out, std::ostream& err)
-    : out_(out), err_(err), svcOut_(std::make_unique<PrintableOut>(out)) {
+    : out_(out), err_(err), svcOut_(std::make_unique<PrintableOut>(out)), user_(localUserName()) {
   configuration_ =
       std::make_shared<host::ConfigurationStore>([this](const std::string& key, std::exception_ptr error) {
         std::string reason;
@@ -248,7 +257,7 @@ bool Shell::run(const std::string& line) {
     for (std::size_t i = 1; i < words.size(); ++i) {
       arguments.push_back(words[i].text);
     }
-    host::CommandRegistry::Result result = registry_->execute(command, std::move(arguments));
+    host::CommandRegistry::Result result = registry_->execute(command, std::move(arguments), user_);
     if (!result.succeeded) {
       return fail(result.text);
     }
@@ -400,7 +409,7 @@ bool Shell::help(const std::vector<Word>& words) {
   if (words.size() == 2) {
     arguments.push_back(words[1].text);
   }
-  const host::CommandRegistry::Result result = registry_->execute("help", std::move(arguments));
+  const host::CommandRegistry::Result result = registry_->execute("help", std::move(arguments), user_);
   if (!result.succeeded) {
     return fail(result.text);
   }

@@ -75,6 +75,7 @@ class Shell {
   std::ostream& err_;
   bool quit_ = false;
   const std::unique_ptr<PrintableOut> svcOut_;  // where svc writes its lines; outlives the host
+  const std::string user_;                      // the caller the audit trail names
 
   std::mutex deliveryErrorsMutex_;
   std::vector<std::string> deliveryErrors_;  // guarded by deliveryErrorsMutex_; refusals of the last set

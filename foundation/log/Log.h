@@ -43,6 +43,12 @@ namespace log {
 
 enum class level { trace, debug, info, warn, error, critical, off };
 
+// The channel of the audit trail: one info record per administration command run. Its records
+// pass every specification except one with an override that names this channel exactly (the
+// last such override sets its level; otherwise it is info), so "off" or "connector.*=off" do not
+// silence it but "connector.audit=off" does.
+inline constexpr const char* audit_channel_name = "connector.audit";
+
 namespace detail {
 struct channel_core;  // the process-wide channel behind a handle; defined in Log.cpp
 }
