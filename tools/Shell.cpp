@@ -39,6 +39,8 @@ const char* const kLogChannel = "connector.shell";
 const char* const kMessageTypes = "ping, greeting, order";
 
 const char* const kUsage = R"(Usage: connector-shell [--script FILE] [--log-dir DIR] [--help]
+       connector-shell --serve SOCKET [--log-dir DIR]
+       connector-shell --connect SOCKET [-c 'COMMAND ARGS']... [--script FILE]
 
 An interactive host for the connector common services. It runs an EchoServiceProvider named
 "echo" behind a LoggingServiceProvider named "svc" on the address "echo" (svc writes its lines
@@ -50,6 +52,13 @@ Options:
   --log-dir DIR   the directory that "file:" destinations of the process log must lie in; a
                   relative "file:PATH" is taken relative to it (default: the current directory)
   --help          print this text and exit
+  --serve SOCKET  run the host without a prompt and serve its administration commands on the
+                  Unix socket SOCKET (mode 0600; only this user and root are served) until
+                  SIGINT or SIGTERM
+  --connect SOCKET  run administration commands on the server at SOCKET: those of -c and
+                  --script, else those typed at the prompt ("help" lists the server's)
+  -c 'COMMAND ARGS'  with --connect, one command to run (repeatable); prints exactly the
+                  answers' texts; exit status 1 if one failed, 2 if the server was not reached
 
 Commands:
   send ADDRESS TYPE [TEXT]      send a message to ADDRESS and print the answer; TYPE is ping,
@@ -233,7 +242,7 @@ Shell::~Shell() = default;
 bool Shell::run(const std::string& line) {
   std::vector<Word> words;
   try {
-    words = split(line);
+    words = host::admin::splitWords(line);
   } catch (const std::invalid_argument& error) {
     return fail(error.what());
   }
@@ -269,39 +278,6 @@ bool Shell::run(const std::string& line) {
     succeeded = true;
   }
   return succeeded;
-}
-
-std::vector<Shell::Word> Shell::split(const std::string& line) {
-  std::vector<Word> words;
-  std::size_t i = 0;
-  while (i < line.size()) {
-    if (line[i] == ' ' || line[i] == '\t' || line[i] == '\r' || line[i] == '\n') {
-      ++i;
-      continue;
-    }
-    Word word{"", false};
-    while (i < line.size() && line[i] != ' ' && line[i] != '\t' && line[i] != '\r' && line[i] != '\n') {
-      if (line[i] != '"') {
-        word.text += line[i++];
-        continue;
-      }
-      word.quoted = true;
-      const std::size_t opening = i++;
-      while (i < line.size() && line[i] != '"') {
-        if (line[i] == '\\' && i + 1 < line.size()) {
-          ++i;
-        }
-        word.text += line[i++];
-      }
-      if (i == line.size()) {
-        throw std::invalid_argument("the quote at column " + std::to_string(opening + 1) +
-                                    " is not closed; end the quoted text with \"");
-      }
-      ++i;
-    }
-    words.push_back(std::move(word));
-  }
-  return words;
 }
 
 bool Shell::send(const std::vector<Word>& words) {

@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "host/AdminProtocol.h"
 #include "host/CommandRegistry.h"
 #include "host/ConfigurationStore.h"
 #include "host/Connector.h"
@@ -56,12 +57,11 @@ class Shell {
   // The text of the shell's --help.
   static std::string usage();
 
+  // The registry of the shell's host, for serving it to other processes.
+  std::shared_ptr<host::CommandRegistry> registry() const { return registry_; }
+
  private:
-  struct Word {
-    std::string text;
-    bool quoted;
-  };
-  static std::vector<Word> split(const std::string& line);
+  using Word = host::admin::Word;
 
   bool send(const std::vector<Word>& words);
   bool config(const std::vector<Word>& words);

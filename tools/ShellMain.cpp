@@ -1,5 +1,6 @@
 // connector-shell: reads commands from a script, a pipe or a terminal and runs them on a Shell.
 // See Shell::usage() (or --help) for what it offers.
+#include <signal.h>
 #include <sys/select.h>
 #include <unistd.h>
 
@@ -20,6 +21,7 @@
 
 #include "foundation/log/Log.h"
 #include "host/DisplayText.h"
+#include "tools/AdminClient.h"
 #include "tools/Shell.h"
 
 namespace {
@@ -176,6 +178,8 @@ int usageError(const std::string& text) {
 int main(int argc, char** argv) {
   std::string script;
   std::string logDirectory = ".";
+  std::string serveSocket;
+  connector::shell::ClientOptions client;
   for (int i = 1; i < argc; ++i) {
     const std::string option = argv[i];
     if (option == "--help" || option == "-h") {
@@ -186,10 +190,29 @@ int main(int argc, char** argv) {
       (option == "--script" ? script : logDirectory) = argv[++i];
       continue;
     }
-    if (option == "--script" || option == "--log-dir") {
+    if ((option == "--serve" || option == "--connect" || option == "-c") && i + 1 < argc) {
+      std::string& value = option == "--serve"     ? serveSocket
+                           : option == "--connect" ? client.socketPath
+                                                   : client.commands.emplace_back();
+      value = argv[++i];
+      continue;
+    }
+    if (option == "--script" || option == "--log-dir" || option == "--serve" || option == "--connect" ||
+        option == "-c") {
       return usageError(option + " needs a value");
     }
     return usageError("unknown option \"" + option + "\"");
+  }
+
+  if (!client.socketPath.empty()) {
+    if (!serveSocket.empty()) {
+      return usageError("--serve and --connect exclude each other");
+    }
+    client.script = script;
+    return connector::shell::runClient(client);
+  }
+  if (!client.commands.empty()) {
+    return usageError("-c runs a command on a server; give the server's socket with --connect");
   }
 
   // Operators can point the process log at a file with connector.log.setDestination; keep such
@@ -215,6 +238,17 @@ int main(int argc, char** argv) {
     }
   }
 
+  if (!serveSocket.empty()) {
+    // Blocked before any thread starts, so that every thread inherits the mask and only the
+    // server's sigwait() receives them.
+    sigset_t stopping;
+    sigemptyset(&stopping);
+    sigaddset(&stopping, SIGINT);
+    sigaddset(&stopping, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &stopping, nullptr);
+    connector::shell::Shell shell(std::cout, std::cerr);
+    return connector::shell::serve(shell.registry(), serveSocket);
+  }
   connector::shell::Shell shell(std::cout, std::cerr);
   if (!script.empty()) {
     return batch(shell, file, true);

@@ -1,0 +1,64 @@
+// The administration endpoint: serves a CommandRegistry's commands to other processes of the
+// same user over a Unix domain socket, in the line protocol of host/AdminProtocol.h.
+//
+// Access: the socket file is made with mode 0600 before it accepts anything, and each peer's
+// credentials (SO_PEERCRED) are checked: only the server's own uid and root are served; anyone
+// else gets one "closed" answer and is disconnected, and the refusal is logged on the process-log
+// channel "connector.audit". Every command runs through CommandRegistry::execute() with the
+// caller "uid=U pid=P", which audits it.
+//
+// Limits, each answered with a text that says so: a request line over kMaxRequestLine bytes
+// ("closed"), more than maxConnections connections at once (the extra one gets "closed"), a
+// connection idle for idleTimeout ("closed"), a request that is not UTF-8 or holds NUL ("error";
+// the connection goes on).
+//
+// Threads: one I/O thread owns every socket; commands run on a pool of maxConnections threads, so
+// a slow command never holds up another connection. A connection runs one request at a time, in
+// the order received, so its answers come back in order however many it pipelines.
+//
+// Ownership: the server shares the registry. The constructor starts serving and the destructor
+// (or stop()) ends it: stops accepting, lets running commands finish for up to shutdownGrace,
+// closes the connections and removes the socket file. Construct, stop and destroy from one
+// thread; never from a command handler.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <memory>
+#include <string>
+
+#include "host/CommandRegistry.h"
+
+namespace connector {
+namespace host {
+
+class AdminServer {
+ public:
+  struct Options {
+    std::size_t maxConnections = 32;
+    std::chrono::milliseconds idleTimeout = std::chrono::minutes(5);
+    std::chrono::milliseconds shutdownGrace = std::chrono::seconds(5);
+  };
+
+  // Starts serving `registry` on `socketPath`. A socket file there that no process serves any
+  // more is replaced. Throws std::runtime_error, naming the path, when the path is too long for a
+  // Unix socket, is not a socket, is served by a live process, or cannot be bound.
+  AdminServer(std::shared_ptr<CommandRegistry> registry, const std::string& socketPath);
+  AdminServer(std::shared_ptr<CommandRegistry> registry, const std::string& socketPath, Options options);
+  ~AdminServer();
+  AdminServer(const AdminServer&) = delete;
+  AdminServer& operator=(const AdminServer&) = delete;
+
+  // Ends serving as described above; later calls do nothing. A command still running after the
+  // grace period keeps its thread until it returns; its answer is dropped.
+  void stop();
+
+  const std::string& socketPath() const;
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace host
+}  // namespace connector

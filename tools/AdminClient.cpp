@@ -1,0 +1,232 @@
+#include "tools/AdminClient.h"
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+
+#include <readline/history.h>
+#include <readline/readline.h>
+#include <boost/asio/read.hpp>
+#include <boost/asio/write.hpp>
+
+#include "host/AdminServer.h"
+
+namespace connector {
+namespace shell {
+
+namespace asio = boost::asio;
+using host::admin::Response;
+using host::admin::Status;
+
+namespace {
+
+const char* const kPrompt = "connector> ";
+const char* const kProgram = "connector-shell: ";
+
+// Readline's completion callbacks are plain functions; they read the names fetched at start.
+std::vector<std::string> remoteNames;
+
+char* nextName(const char* text, int state) {
+  static std::size_t index;
+  if (state == 0) {
+    index = 0;
+  }
+  const std::size_t length = std::strlen(text);
+  while (index < remoteNames.size()) {
+    const std::string& name = remoteNames[index++];
+    if (name.compare(0, length, text) == 0) {
+      return strdup(name.c_str());
+    }
+  }
+  return nullptr;
+}
+
+// Completes the first word only: the server's command names.
+char** completeName(const char* text, int start, int) {
+  rl_attempted_completion_over = 1;  // never fall back to file names
+  const std::string before(rl_line_buffer, static_cast<std::size_t>(start));
+  if (before.find_first_not_of(" \t") != std::string::npos) {
+    return nullptr;
+  }
+  return rl_completion_matches(text, nextName);
+}
+
+// Runs one line on the server and prints its outcome; false when it failed. Throws Unreachable.
+bool runLine(AdminClient& client, const std::string& line, bool& quit) {
+  std::vector<host::admin::Word> words;
+  try {
+    words = host::admin::splitWords(line);
+  } catch (const std::invalid_argument& error) {
+    std::cerr << "error: " << error.what() << std::endl;
+    return false;
+  }
+  if (words.empty() || (!words[0].quoted && words[0].text[0] == '#')) {
+    return true;
+  }
+  if (words.size() == 1 && words[0].text == "quit") {
+    quit = true;
+    return true;
+  }
+  std::vector<std::string> texts;
+  for (host::admin::Word& word : words) {
+    texts.push_back(std::move(word.text));
+  }
+  Response response{Status::error, ""};
+  try {
+    response = client.call(texts);
+  } catch (const std::invalid_argument& error) {
+    response.text = error.what();
+  }
+  if (response.status != Status::ok) {
+    std::cout.flush();
+    std::cerr << "error: " << response.text << std::endl;
+    return false;
+  }
+  std::cout << response.text;
+  if (!response.text.empty() && response.text.back() != '\n') {
+    std::cout << '\n';
+  }
+  std::cout.flush();
+  return true;
+}
+
+int interactive(AdminClient& client) {
+  // The first word of every line of the server's help is a command name.
+  remoteNames = {"quit"};
+  Response help = client.call({"help"});
+  for (std::size_t from = 0; help.status == Status::ok && from < help.text.size();) {
+    const std::size_t end = help.text.find('\n', from);
+    const std::string line = help.text.substr(from, end - from);
+    remoteNames.push_back(line.substr(0, line.find(' ')));
+    from = end == std::string::npos ? help.text.size() : end + 1;
+  }
+  rl_attempted_completion_function = completeName;
+  bool quit = false;
+  while (!quit) {
+    char* line = readline(kPrompt);
+    if (line == nullptr) {
+      std::cout << '\n';
+      break;
+    }
+    if (line[0] != '\0') {
+      add_history(line);
+    }
+    const std::string text(line);
+    std::free(line);
+    runLine(client, text, quit);
+  }
+  return 0;
+}
+
+int batch(AdminClient& client, const ClientOptions& options) {
+  bool failed = false;
+  bool quit = false;
+  for (const std::string& command : options.commands) {
+    failed = !runLine(client, command, quit) || failed;
+    if (quit) {
+      return failed ? 1 : 0;
+    }
+  }
+  if (!options.script.empty()) {
+    std::ifstream file(options.script);
+    if (!file) {
+      std::cerr << kProgram << "cannot read the script \"" << options.script << "\": " << std::strerror(errno)
+                << std::endl;
+      return 2;
+    }
+    std::string line;
+    while (!quit && std::getline(file, line)) {
+      failed = !runLine(client, line, quit) || failed;
+    }
+  }
+  return failed ? 1 : 0;
+}
+
+}  // namespace
+
+AdminClient::AdminClient(const std::string& socketPath) : socketPath_(socketPath), socket_(context_) {
+  boost::system::error_code error;
+  socket_.connect(asio::local::stream_protocol::endpoint(socketPath), error);
+  if (error) {
+    throw Unreachable("cannot reach the server at " + socketPath + ": " + error.message());
+  }
+}
+
+Response AdminClient::call(const std::vector<std::string>& words) {
+  const std::string request = host::admin::formatRequest(words) + '\n';
+  boost::system::error_code error;
+  // A server that refused the connection may already have closed it; its reason is still to be
+  // read, so a failed write is not reported before that.
+  asio::write(socket_, asio::buffer(request), error);
+  std::array<char, 16 * 1024> buffer;
+  for (;;) {
+    std::optional<Response> response;
+    try {
+      response = reader_.next();
+    } catch (const std::runtime_error& garbled) {
+      throw Unreachable(std::string("the server at ") + socketPath_ + " answered garbage: " + garbled.what());
+    }
+    if (response && response->status == Status::closed) {
+      throw Unreachable("the server at " + socketPath_ + " closed the connection: " + response->text);
+    }
+    if (response) {
+      return *response;
+    }
+    const std::size_t n = socket_.read_some(asio::buffer(buffer), error);
+    if (error) {
+      throw Unreachable("the connection to the server at " + socketPath_ + " was lost: " +
+                        (error == asio::error::eof ? "the server closed it" : error.message()));
+    }
+    reader_.append(std::string_view(buffer.data(), n));
+  }
+}
+
+int runClient(const ClientOptions& options) {
+  // A write to a server that has gone must come back as an error, not end the process.
+  ::signal(SIGPIPE, SIG_IGN);
+  try {
+    AdminClient client(options.socketPath);
+    if (!options.commands.empty() || !options.script.empty()) {
+      return batch(client, options);
+    }
+    if (isatty(STDIN_FILENO)) {
+      return interactive(client);
+    }
+    ClientOptions piped = options;
+    piped.script = "/dev/stdin";
+    return batch(client, piped);
+  } catch (const Unreachable& error) {
+    std::cout.flush();
+    std::cerr << kProgram << error.what() << std::endl;
+    return 2;
+  }
+}
+
+int serve(std::shared_ptr<host::CommandRegistry> registry, const std::string& socketPath) {
+  sigset_t stopping;
+  sigemptyset(&stopping);
+  sigaddset(&stopping, SIGINT);
+  sigaddset(&stopping, SIGTERM);
+  std::unique_ptr<host::AdminServer> server;
+  try {
+    server = std::make_unique<host::AdminServer>(std::move(registry), socketPath);
+  } catch (const std::exception& error) {
+    std::cerr << kProgram << error.what() << std::endl;
+    return 2;
+  }
+  std::cout << "serving on " << socketPath << std::endl;
+  int signal = 0;
+  sigwait(&stopping, &signal);
+  server->stop();
+  std::cout << "stopped (" << (signal == SIGINT ? "SIGINT" : "SIGTERM") << ")" << std::endl;
+  return 0;
+}
+
+}  // namespace shell
+}  // namespace connector
