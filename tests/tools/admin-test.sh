@@ -1,0 +1,73 @@
+#!/bin/sh
+# Two processes: connector-shell --serve in the background, and connector-shell --connect running
+# commands on it with -c and --script. Checks the answers, the exit statuses (0 all succeeded, 1
+# one failed, 2 no server) and that SIGTERM stops the server cleanly and removes its socket.
+# Usage: admin-test.sh SHELL
+set -u
+shell=$1
+work=$(cd "$(mktemp -d)" && pwd -P)
+server=""
+cleanup() {
+  [ -n "$server" ] && kill "$server" 2>/dev/null
+  rm -rf "$work"
+}
+trap cleanup EXIT
+failures=0
+fail() {
+  echo "FAILED: $*"
+  failures=$((failures + 1))
+}
+
+# check NAME EXPECTED-STATUS EXPECTED-STDOUT EXPECTED-STDERR -- ARGS...
+check() {
+  name=$1 status=$2 out=$3 err=$4
+  shift 5
+  "$shell" "$@" >"$work/out" 2>"$work/err"
+  actual=$?
+  [ "$actual" = "$status" ] || fail "$name: exit status $actual, expected $status"
+  [ "$(cat "$work/out")" = "$out" ] || fail "$name: printed [$(cat "$work/out")], expected [$out]"
+  [ "$(cat "$work/err")" = "$err" ] || fail "$name: printed on stderr [$(cat "$work/err")], expected [$err]"
+}
+
+# The server says when it listens; the test reads that line from a FIFO before connecting.
+mkfifo "$work/ready"
+"$shell" --serve "$work/s" --log-dir "$work" >"$work/ready" 2>"$work/server.log" &
+server=$!
+exec 3<"$work/ready"
+read -r line <&3
+[ "$line" = "serving on $work/s" ] || fail "the server announced [$line]"
+
+socket=$(stat -c %a "$work/s")
+[ "$socket" = 600 ] || fail "the socket has mode $socket, expected 600"
+
+check "a session" 0 "info
+warn,connector.*=debug
+echo
+svc" "" -- --connect "$work/s" -c connector.log.getSpecification \
+  -c 'connector.log.setSpecification "warn,connector.*=debug"' -c connector.log.getSpecification \
+  -c connector.listServiceProviders
+
+printf '# a comment, then a command that fails and one that works\nconnector.log.getDestination x\n\nconnector.log.getDestination\n' >"$work/script"
+check "a script with a failure" 1 "stderr" \
+  'error: command "connector.log.getDestination" takes no arguments, but was given 1' \
+  -- --connect "$work/s" --script "$work/script"
+
+"$shell" --connect "$work/s" -c help >"$work/out" 2>&1
+grep -q '^connector.log.getChannels ' "$work/out" || fail "help does not list the server's commands: $(cat "$work/out")"
+
+check "no server" 2 "" "connector-shell: cannot reach the server at $work/none: No such file or directory" \
+  -- --connect "$work/none" -c help
+
+kill -TERM "$server"
+wait "$server"
+status=$?
+server=""
+[ "$status" = 0 ] || fail "the server exited with $status after SIGTERM"
+read -r line <&3
+[ "$line" = "stopped (SIGTERM)" ] || fail "the server said [$line] when stopping"
+[ ! -e "$work/s" ] || fail "the socket is still there after the server stopped"
+grep -q "connector.audit.*uid=$(id -u) pid=[0-9]* ran connector.log.setSpecification: succeeded" "$work/server.log" ||
+  fail "the server's log has no audit record of the command: $(cat "$work/server.log")"
+
+[ "$failures" = 0 ] || exit 1
+echo "the server and the client agreed on every command"
