@@ -66,7 +66,7 @@ server=""
 read -r line <&3
 [ "$line" = "stopped (SIGTERM)" ] || fail "the server said [$line] when stopping"
 [ ! -e "$work/s" ] || fail "the socket is still there after the server stopped"
-grep -q "connector.audit.*uid=$(id -u) pid=[0-9]* ran connector.log.setSpecification: succeeded" "$work/server.log" ||
+grep -q "connector.audit.*caller=\"uid=$(id -u) pid=[0-9]*\" command=\"connector.log.setSpecification\"" "$work/server.log" ||
   fail "the server's log has no audit record of the command: $(cat "$work/server.log")"
 
 [ "$failures" = 0 ] || exit 1
