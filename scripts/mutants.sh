@@ -13,14 +13,14 @@
 # Usage: scripts/mutants.sh [NAME-PATTERN...]   (grep -E patterns on mutant names; default: all)
 # Environment:
 #   MUTANTS_DIR      the scratch worktree (default ${TMPDIR:-/tmp}/connector-mutants)
-#   MUTANTS_TIMEOUT  seconds a single test may run before it counts as hung (default 30)
+#   MUTANTS_TIMEOUT  seconds a single test may run before it counts as hung (default 10)
 #   MUTANTS_JOBS     parallel build and test jobs (default 2)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 repo=$(pwd)
 catalogue="$repo/scripts/mutants.txt"
 scratch="${MUTANTS_DIR:-${TMPDIR:-/tmp}/connector-mutants}"
-timeout="${MUTANTS_TIMEOUT:-30}"
+timeout="${MUTANTS_TIMEOUT:-10}"
 jobs="${MUTANTS_JOBS:-2}"
 export CMAKE_CXX_COMPILER_LAUNCHER=ccache
 started=$(date +%s)
