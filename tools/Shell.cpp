@@ -18,6 +18,7 @@
 #include <string_view>
 
 #include "commands/ConnectorCommandProvider.h"
+#include "commands/LogOperationsCommandProvider.h"
 #include "commands/LoggingCommandProvider.h"
 #include "foundation/core/diag/Demangle.h"
 #include "foundation/log/Log.h"
@@ -235,6 +236,7 @@ Shell::Shell(std::ostream& out, std::ostream& err)
   connector_->setRoute(kEchoAddress, {kLoggerName, kEchoName});
   connectorCommands_ = std::make_unique<common_services::ConnectorCommandProvider>(connector_, registry_);
   logCommands_ = std::make_unique<common_services::LoggingCommandProvider>(registry_);
+  logOperations_ = std::make_unique<common_services::LogOperationsCommandProvider>(registry_);
 }
 
 Shell::~Shell() = default;

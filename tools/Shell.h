@@ -2,13 +2,13 @@
 // the library's providers and runs one command line at a time against it.
 //
 // The host: an EchoServiceProvider "echo" behind a LoggingServiceProvider "svc" on the address
-// "echo" (svc writes its lines to the shell's output), a ConnectorCommandProvider and a
-// LoggingCommandProvider. A line is split into words at blanks; double quotes group a word (a
-// backslash inside them escapes the next character). Results go to `out`; each error is one
-// line "error: ..." on `err`, written after `out` has been flushed so that the two stay in order
-// on a terminal. Whatever came from a user (answers, values, svc's prefix, echoed input) is
-// printed with its control bytes escaped, so that no text can clear or recolour the terminal.
-// The Shell owns the host; the streams must outlive it. One thread at a time.
+// "echo" (svc writes its lines to the shell's output), a ConnectorCommandProvider, a
+// LoggingCommandProvider and a LogOperationsCommandProvider. A line is split into words at blanks; double
+// quotes group a word (a backslash inside them escapes the next character). Results go to `out`; each error
+// is one line "error: ..." on `err`, written after `out` has been flushed so that the two stay in order on a
+// terminal. Whatever came from a user (answers, values, svc's prefix, echoed input) is printed with its
+// control bytes escaped, so that no text can clear or recolour the terminal. The Shell owns the host; the
+// streams must outlive it. One thread at a time.
 #pragma once
 
 #include <iosfwd>
@@ -26,6 +26,7 @@ namespace connector {
 namespace common_services {
 class ConnectorCommandProvider;
 class LoggingCommandProvider;
+class LogOperationsCommandProvider;
 }  // namespace common_services
 
 namespace shell {
@@ -87,6 +88,7 @@ class Shell {
   std::shared_ptr<host::Connector> connector_;
   std::unique_ptr<common_services::ConnectorCommandProvider> connectorCommands_;
   std::unique_ptr<common_services::LoggingCommandProvider> logCommands_;
+  std::unique_ptr<common_services::LogOperationsCommandProvider> logOperations_;
 };
 
 }  // namespace shell

@@ -2,9 +2,14 @@
 
 #include <fnmatch.h>
 
+#include <algorithm>
+#include <atomic>
+#include <condition_variable>
 #include <filesystem>
 #include <mutex>
+#include <optional>
 #include <stdexcept>
+#include <thread>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -34,6 +39,38 @@ namespace {
 
 constexpr const char* kInitialDestination = "stderr";
 constexpr const char* kInitialSpecification = "info";
+constexpr std::chrono::seconds kShortestTimedSpecification{1};
+constexpr std::chrono::seconds kLongestTimedSpecification{86400};
+
+using Clock = std::chrono::steady_clock;
+
+// Every channel's only sink: passes each record to the destination in force, counting them.
+class Router final : public spdlog::sinks::dist_sink<std::mutex> {
+ public:
+  std::uint64_t records() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return records_;
+  }
+
+ protected:
+  void sink_it_(const spdlog::details::log_msg& msg) override {
+    ++records_;
+    dist_sink::sink_it_(msg);
+  }
+
+ private:
+  std::uint64_t records_ = 0;  // guarded by the base's mutex_
+};
+
+// Whether the process log exists yet; the exit hook below shuts down only one that does.
+std::atomic<bool> processLogCreated{false};
+
+// A specification set for a time, and what to restore after it.
+struct PendingRestore {
+  std::string text;  // the specification in force before the timed one
+  detail::specification parsed;
+  Clock::time_point deadline;
+};
 
 // Our levels and spdlog's are listed in the same order.
 spdlog::level::level_enum toSpdlog(level severity) {
@@ -48,7 +85,11 @@ spdlog::level::level_enum toSpdlog(level severity) {
 class ProcessLog {
  public:
   static ProcessLog& instance() {
-    static ProcessLog* const log = new ProcessLog();
+    static ProcessLog* const log = [] {
+      auto* created = new ProcessLog();
+      processLogCreated.store(true);
+      return created;
+    }();
     return *log;
   }
 
@@ -89,10 +130,42 @@ class ProcessLog {
   }
 
   void setDestination(const std::string& text) {
+    std::shared_ptr<spdlog::sinks::sink> retired;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      auto sink = detail::open_destination(text, confinement_);
+      router_->set_sinks({sink});
+      retired = std::exchange(destination_sink_, std::move(sink));
+      destination_ = text;
+    }
+    // No channel writes to it any more. Its queue, if it has one, is written out here, outside
+    // every lock, so that neither writers nor other settings wait for it.
+    retiredDrops_ += detail::drain_destination(*retired);
+  }
+
+  void reopen() {
     std::lock_guard<std::mutex> lock(mutex_);
-    auto sink = detail::open_destination(text, confinement_);
-    router_->set_sinks({std::move(sink)});
-    destination_ = text;
+    detail::reopen_destination(*destination_sink_, destination_);
+  }
+
+  statistics_snapshot statistics() {
+    statistics_snapshot snapshot;
+    std::shared_ptr<spdlog::sinks::sink> sink;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      sink = destination_sink_;
+      snapshot.destination = destination_;
+      if (pending_) {
+        const auto left = pending_->deadline - Clock::now();
+        snapshot.pending_restore = statistics_snapshot::restore{
+            pending_->text, std::max(std::chrono::seconds(0), std::chrono::ceil<std::chrono::seconds>(left))};
+      }
+    }
+    const detail::queue_counts counts = detail::queue_counts_of(*sink);
+    snapshot.records = router_->records();
+    snapshot.dropped = retiredDrops_ + counts.dropped;
+    snapshot.queued = counts.queued;
+    return snapshot;
   }
 
   std::string specification() {
@@ -103,11 +176,44 @@ class ProcessLog {
   void setSpecification(const std::string& text) {
     detail::specification parsed = detail::parse_specification(text);
     std::lock_guard<std::mutex> lock(mutex_);
-    for (const auto& core : channels_) {
-      core->logger->set_level(parsed.level_for(core->name));
+    apply(std::move(parsed), text);
+    pending_.reset();
+  }
+
+  void setSpecificationFor(std::chrono::seconds duration, const std::string& text) {
+    if (duration < kShortestTimedSpecification || duration > kLongestTimedSpecification) {
+      throw std::invalid_argument("log specification " + std::string("\"") + text + "\" for " +
+                                  std::to_string(duration.count()) +
+                                  " seconds is refused: a timed specification lasts 1 to 86400 seconds");
     }
-    specification_ = std::move(parsed);
-    specificationText_ = text;
+    detail::specification parsed = detail::parse_specification(text);
+    std::lock_guard<std::mutex> lock(mutex_);
+    PendingRestore restore{specificationText_, specification_, Clock::now() + duration};
+    apply(std::move(parsed), text);
+    pending_ = std::move(restore);
+    if (!restorer_.joinable() && !stopping_) {
+      restorer_ = std::thread([this] { restoreWhenDue(); });
+    }
+    restoreDue_.notify_all();
+  }
+
+  // At normal exit: joins the restoring thread and writes out the destination's queue, so that
+  // no thread of the library runs on while the process ends. The log stays usable afterwards;
+  // an "async:" destination then writes on the caller's thread.
+  void shutdown() {
+    std::thread restorer;
+    std::shared_ptr<spdlog::sinks::sink> sink;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      stopping_ = true;
+      restorer = std::move(restorer_);
+      sink = destination_sink_;
+    }
+    restoreDue_.notify_all();
+    if (restorer.joinable()) {
+      restorer.join();
+    }
+    detail::drain_destination(*sink);
   }
 
   void confine(const std::string& directory) {
@@ -122,18 +228,45 @@ class ProcessLog {
   }
 
  private:
+  // Makes `parsed` the specification of every channel. Called with mutex_ held.
+  void apply(detail::specification parsed, const std::string& text) {
+    for (const auto& core : channels_) {
+      core->logger->set_level(parsed.level_for(core->name));
+    }
+    specification_ = std::move(parsed);
+    specificationText_ = text;
+  }
+
+  // The restoring thread: sleeps until the pending restore is due (or cancelled, or the process
+  // exits), and restores it.
+  void restoreWhenDue() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    while (!stopping_) {
+      if (!pending_) {
+        restoreDue_.wait(lock);
+      } else if (Clock::now() < pending_->deadline) {
+        restoreDue_.wait_until(lock, pending_->deadline);
+      } else {
+        PendingRestore due = std::move(*pending_);
+        pending_.reset();
+        apply(std::move(due.parsed), due.text);
+      }
+    }
+  }
+
   ProcessLog()
-      : router_(std::make_shared<spdlog::sinks::dist_sink_mt>()),
+      : router_(std::make_shared<Router>()),
         destination_(kInitialDestination),
         specificationText_(kInitialSpecification),
-        specification_(detail::parse_specification(kInitialSpecification)) {
-    router_->set_sinks({std::make_shared<spdlog::sinks::stderr_sink_mt>()});
+        specification_(detail::parse_specification(kInitialSpecification)),
+        destination_sink_(std::make_shared<spdlog::sinks::stderr_sink_mt>()) {
+    router_->set_sinks({destination_sink_});
   }
 
   // Lock order: mutex_, then the router's own mutex (taken by set_sinks()). Writers take only the
   // router's mutex, and level changes are atomic stores, so logging never waits on mutex_.
   std::mutex mutex_;
-  const std::shared_ptr<spdlog::sinks::dist_sink_mt> router_;    // every channel's only sink
+  const std::shared_ptr<Router> router_;                         // every channel's only sink
   std::string destination_;                                      // guarded by mutex_
   std::string specificationText_;                                // guarded by mutex_
   detail::specification specification_;                          // guarded by mutex_
@@ -141,7 +274,24 @@ class ProcessLog {
   std::unordered_map<std::string, std::shared_ptr<detail::channel_core>> byName_;  // guarded by mutex_
   std::filesystem::path
       confinement_;  // guarded by mutex_; canonical, or empty when file destinations are free
+  std::shared_ptr<spdlog::sinks::sink> destination_sink_;  // guarded by mutex_; the router's one sink
+  std::atomic<std::uint64_t> retiredDrops_{0};             // drops of the destinations set before
+  std::optional<PendingRestore> pending_;                  // guarded by mutex_
+  std::condition_variable restoreDue_;                     // waited on with mutex_ by restorer_
+  std::thread restorer_;                                   // guarded by mutex_; started on first use
+  bool stopping_ = false;                                  // guarded by mutex_; set at exit
 };
+
+// Shuts the process log down when the process exits normally. It is constructed when the
+// library is loaded, before any object of its users, so it is destroyed after theirs.
+struct ExitHook {
+  ~ExitHook() {
+    if (processLogCreated.load()) {
+      ProcessLog::instance().shutdown();
+    }
+  }
+};
+const ExitHook exitHook;
 
 }  // namespace
 
@@ -173,6 +323,15 @@ std::string specification() {
 }
 void set_specification(const std::string& text) {
   ProcessLog::instance().setSpecification(text);
+}
+void set_specification_for(std::chrono::seconds duration, const std::string& text) {
+  ProcessLog::instance().setSpecificationFor(duration, text);
+}
+void reopen() {
+  ProcessLog::instance().reopen();
+}
+statistics_snapshot statistics() {
+  return ProcessLog::instance().statistics();
 }
 void confine_file_destinations(const std::string& directory) {
   ProcessLog::instance().confine(directory);

@@ -18,6 +18,22 @@
 //   "file:PATH"   append to the file PATH, creating it if needed (its directory must exist);
 //                 every record is flushed as it is written. When a confinement directory is set,
 //                 a relative PATH is taken relative to it.
+//   "rotating:MAX_BYTES:FILES:PATH"
+//                 like "file:PATH", but before a record would take the file past MAX_BYTES (1 to
+//                 1024M; a number of bytes, or of KiB or MiB when it ends in K or M) the file is
+//                 renamed PATH's stem + ".1" + extension (app.1.log), older ones move up by one
+//                 and FILES of them (0 to 1000) are kept. Confined like "file:".
+//   "async:DEST"  DEST (any of the above) behind a queue of 8,192 records that one background
+//                 thread writes out, flushing whenever the queue is empty. Writing a record never
+//                 waits for DEST: when the queue is full the oldest queued record is dropped and
+//                 counted, and once the thread takes a record again it first writes one warn
+//                 record (channel "foundation.log") saying how many were dropped since the last
+//                 such record. Records of the audit channel bypass the queue: they are written to
+//                 DEST on the caller's thread, so they are never dropped (and may precede records
+//                 still queued). When the destination changes, and when the process exits
+//                 normally (exit() or a return from main), the queue is written out to DEST
+//                 before DEST is closed; records written after that, from static destructors,
+//                 go straight to DEST.
 //
 // Specification texts: comma-separated items, each either a level (the default for every channel)
 // or PATTERN=LEVEL (an override for the channels whose name matches the shell-style PATTERN,
@@ -25,14 +41,23 @@
 // default is info. When several overrides match a channel, the last one wins. Blanks around items
 // and around `=` are ignored. Levels, from most to least verbose: trace, debug, info, warn, error,
 // critical, off. Examples: "info", "warn,connector.*=debug", "off,connector.delivery=trace".
-// The initial specification is "info".
+// The initial specification is "info". A specification may be set for a time
+// (set_specification_for()): when the time is up, the one in force before it is restored,
+// unless another specification was set meanwhile.
+//
+// Threads of its own: the background thread of an "async:" destination (one per such destination,
+// joined when it is drained) and, from the first timed specification on, one thread that waits
+// for the restore; both are joined when the process exits normally.
 //
 // Errors: a setter that refuses its input throws and leaves the previous setting in force.
 // std::invalid_argument for a text that is not understood or not allowed, std::runtime_error for
 // a file that cannot be opened. The message names the offending text and what would be accepted.
 #pragma once
 
+#include <chrono>
+#include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -93,8 +118,36 @@ CONNECTOR_EXPORT void set_destination(const std::string& text);
 // The specification in force, exactly as it was set (initially "info").
 CONNECTOR_EXPORT std::string specification();
 
-// Applies `text` (see the syntax above) to every channel, existing and future.
+// Applies `text` (see the syntax above) to every channel, existing and future. Cancels a
+// pending restore.
 CONNECTOR_EXPORT void set_specification(const std::string& text);
+
+// Applies `text` now and restores the specification in force before it once `duration` (1 to
+// 86,400 seconds) has passed, unless another specification is set meanwhile (which cancels the
+// restore). Throws std::invalid_argument for a duration outside that range or a text that
+// set_specification() would refuse, and then changes nothing (a pending restore stays).
+CONNECTOR_EXPORT void set_specification_for(std::chrono::seconds duration, const std::string& text);
+
+// Closes the file of the destination in force ("file:", "rotating:", or "async:" before one of
+// them) and opens it again by name, so that after an outside tool renamed it new records land in
+// a new file. Every record goes to exactly one of the two files. Throws std::invalid_argument
+// when the destination has no file, and like set_destination() when the file cannot be opened
+// again; the old file then stays in use.
+CONNECTOR_EXPORT void reopen();
+
+// What the process log has done, at one moment.
+struct statistics_snapshot {
+  std::uint64_t records = 0;  // records the channels passed to a destination since the process began
+  std::uint64_t dropped = 0;  // records "async:" queues dropped since the process began
+  std::uint64_t queued = 0;   // records waiting in the "async:" queue of the destination in force
+  std::string destination;    // the destination in force, as set
+  struct restore {
+    std::string specification;       // what will be restored
+    std::chrono::seconds remaining;  // when, rounded up
+  };
+  std::optional<restore> pending_restore;  // set by set_specification_for(), until it happens
+};
+CONNECTOR_EXPORT statistics_snapshot statistics();
 
 // Confines "file:" destinations to `directory`, which must exist: later set_destination() calls
 // refuse a file that does not lie inside it, whether by an absolute path, a `..` component or a

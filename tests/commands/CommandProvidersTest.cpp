@@ -105,8 +105,8 @@ TEST(LoggingCommandProvider, HandlersPassTextsThroughUnchanged) {
             "warn,connector.*=debug)"},
            {"setDestination",
             {""},
-            "refused: unknown log destination \"\": use stderr, stdout, null or file:PATH (e.g. "
-            "file:/var/log/app.log)"},
+            "refused: unknown log destination \"\": use stderr, stdout, null, file:PATH or "
+            "rotating:MAX_BYTES:FILES:PATH, or async: before one of them (e.g. file:/var/log/app.log)"},
            {"getDestination", {}, "null"},
            {"getDestination", {"x", "y"}, "null"},
            {"getSpecification", {"x"}, " warn , a.*=debug"},

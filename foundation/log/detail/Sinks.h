@@ -1,0 +1,113 @@
+// The sinks behind the destinations that spdlog does not offer as they are: a file that can be
+// opened again by name ("file:", "rotating:"), a bounded queue that a background thread drains
+// into another destination ("async:"), and a function that a test supplies ("test:NAME").
+//
+// Internal to connector_common_services (not installed). Every sink here is safe from any
+// thread, like spdlog's "_mt" sinks, so that one destination may be written by several threads
+// (the process log's router, a provider's own logger, the queue's background thread).
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+
+#include <spdlog/async_logger.h>
+#include <spdlog/details/thread_pool.h>
+#include <spdlog/formatter.h>
+#include <spdlog/sinks/base_sink.h>
+#include <spdlog/sinks/sink.h>
+
+namespace foundation {
+namespace log {
+namespace detail {
+
+// A log file that can be closed and opened again by name, so that after an outside tool renamed
+// it new records land in a new file. The file itself is one of spdlog's single-threaded file
+// sinks (basic or rotating), made by `open`, written under this sink's mutex.
+class reopenable_file_sink final : public spdlog::sinks::sink {
+ public:
+  // Makes the file sink, checking the file first; throws like the destination it serves.
+  using opener = std::function<std::unique_ptr<spdlog::sinks::sink>()>;
+
+  // Opens the file now. Throws whatever `open` throws.
+  explicit reopenable_file_sink(opener open);
+
+  void log(const spdlog::details::log_msg& msg) override;
+  void flush() override;
+  void set_pattern(const std::string& pattern) override;
+  void set_formatter(std::unique_ptr<spdlog::formatter> formatter) override;
+
+  // Closes the file and opens it again by name. Every record goes to exactly one of the two: those
+  // written before the call to the old file, those after to the new. When the new file cannot be
+  // opened, throws like `open` and keeps writing to the old one.
+  void reopen();
+
+ private:
+  const opener open_;
+  std::mutex mutex_;
+  std::unique_ptr<spdlog::sinks::sink> file_;     // guarded by mutex_
+  std::unique_ptr<spdlog::formatter> formatter_;  // guarded by mutex_; null while spdlog's default serves
+};
+
+// "async:DEST": records go into a queue of `queue_capacity` records that one background thread
+// (an spdlog thread pool) drains into `target`. Writing never waits for the target: when the
+// queue is full, the oldest queued record is dropped and counted, and once the thread takes a
+// record again it first writes one warn record saying how many were dropped since the last such
+// record. Records of the audit channel bypass the queue and are written to the target on the
+// caller's thread, so an overflow never drops them (they may then precede records still queued).
+// The thread flushes the target whenever it has emptied the queue.
+class async_sink final : public spdlog::sinks::sink {
+ public:
+  static constexpr std::size_t queue_capacity = 8192;
+
+  // Starts the background thread. `target` must be safe from any thread.
+  explicit async_sink(std::shared_ptr<spdlog::sinks::sink> target);
+
+  // Drains (see drain()). Never throws.
+  ~async_sink() override;
+
+  void log(const spdlog::details::log_msg& msg) override;
+  void flush() override {}  // the background thread flushes; see above
+  void set_pattern(const std::string& pattern) override;
+  void set_formatter(std::unique_ptr<spdlog::formatter> formatter) override;
+
+  // Writes every queued record to the target, reports drops not yet reported, joins the thread
+  // and flushes the target. Later records are written to the target on the caller's thread.
+  // Writers wait while it runs, so nothing written after it overtakes a queued record.
+  void drain();
+
+  std::size_t dropped();  // records dropped so far
+  std::size_t queued();   // records waiting now
+
+  spdlog::sinks::sink& target() { return *target_; }
+
+ private:
+  class backend;
+
+  const std::shared_ptr<spdlog::sinks::sink> target_;
+  std::mutex mutex_;                                    // taken by every queued write and by drain()
+  std::shared_ptr<spdlog::details::thread_pool> pool_;  // guarded by mutex_; null once drained
+  std::shared_ptr<backend> backend_;                    // written to by the pool's thread only
+  std::shared_ptr<spdlog::async_logger> worker_;        // hands the queued records to backend_
+  std::size_t droppedWhenDrained_ = 0;                  // guarded by mutex_
+};
+
+// "test:NAME": hands each record, formatted, to a function of a test.
+class function_sink final : public spdlog::sinks::base_sink<std::mutex> {
+ public:
+  explicit function_sink(std::function<void(std::string_view)> write) : write_(std::move(write)) {}
+
+ protected:
+  void sink_it_(const spdlog::details::log_msg& msg) override;
+  void flush_() override {}
+
+ private:
+  const std::function<void(std::string_view)> write_;
+};
+
+}  // namespace detail
+}  // namespace log
+}  // namespace foundation
