@@ -14,9 +14,9 @@
 #include <boost/container/small_vector.hpp>
 #include <boost/variant/get.hpp>
 
-#include "foundation/core/diag/Demangle.h"
 #include "foundation/core/diag/StreamNumberFormat.h"
 #include "framework/CallbackSubscriber.h"
+#include "services/detail/MessageTypeName.h"
 
 namespace connector {
 namespace common_services {
@@ -41,9 +41,6 @@ constexpr std::string_view kNumberClose = "): ";
 constexpr std::string_view kExceptionClose = "): Exception!";
 constexpr std::string_view kElapsedTime = ": elapsed time ";
 constexpr std::string_view kMilliseconds = " ms";
-
-// Removed from a readable type name, wherever it is found: the first six characters go.
-constexpr std::string_view kClassKeyword = "class ";
 
 // A line is built in one of these; lines of usual length need no allocation.
 using LineText = boost::container::small_vector<char, 256>;
@@ -254,11 +251,7 @@ std::string_view LoggingServiceProvider::messageTypeName(const std::unique_ptr<M
     throw std::bad_typeid();
   }
   const Message& object = *message;
-  std::string_view name = foundation::core::diag::readable_type_name(typeid(object));
-  if (name.find(kClassKeyword) != std::string_view::npos) {
-    name.remove_prefix(kClassKeyword.size());
-  }
-  return name;
+  return detail::messageTypeName(typeid(object));
 }
 
 double LoggingServiceProvider::millisecondsSinceStart(std::chrono::system_clock::time_point now) const {

@@ -1,0 +1,428 @@
+#include "services/AccessLogServiceProvider.h"
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <exception>
+#include <functional>
+#include <iterator>
+#include <mutex>
+#include <sstream>
+#include <stdexcept>
+#include <string_view>
+#include <typeinfo>
+#include <utility>
+
+#include <spdlog/details/log_msg.h>
+#include <spdlog/fmt/fmt.h>
+#include <spdlog/sinks/sink.h>
+#include <boost/variant/apply_visitor.hpp>
+#include <boost/variant/get.hpp>
+#include <boost/variant/static_visitor.hpp>
+#include <nlohmann/json.hpp>
+
+#include "foundation/core/detail/TickClock.h"
+#include "foundation/log/Log.h"
+#include "foundation/log/detail/Destination.h"
+#include "framework/CallbackSubscriber.h"
+#include "services/detail/AnswerObserver.h"
+#include "services/detail/MessageTypeName.h"
+
+namespace connector {
+namespace common_services {
+
+namespace {
+
+using configuration::ConfigValue;
+using detail::Outcome;
+using foundation::core::detail::tick_clock;
+using MessagePtr = std::unique_ptr<Message>;
+using Line = fmt::memory_buffer;
+
+constexpr const char* kEnabledKeySuffix = ".enabled";
+constexpr const char* kErrorsOnlyKeySuffix = ".errorsOnly";
+constexpr const char* kSlowerThanKeySuffix = ".slowerThanUs";
+constexpr const char* kSampleEveryKeySuffix = ".sampleEvery";
+constexpr const char* kExcludeKeySuffix = ".exclude";
+constexpr const char* kFormatKeySuffix = ".format";
+constexpr const char* kDestinationKeySuffix = ".destination";
+constexpr const char* kDefaultLabel = "default";
+constexpr const char* kConfigChannel = "connector.config";
+
+constexpr const char* kTextFormat = "text";
+constexpr const char* kJsonFormat = "json";
+constexpr const char* kDefaultDestination = "stdout";
+
+// What each key accepts, as refusals say it.
+constexpr const char* kAcceptsBool = "a bool (true or false)";
+constexpr const char* kAcceptsSlowerThan = "an int of at least 0 (microseconds; 0 leaves latency out)";
+constexpr const char* kAcceptsSampleEvery = "an int of at least 1";
+constexpr const char* kAcceptsExclude = "a string of comma-separated type-name prefixes";
+constexpr const char* kAcceptsFormat = "the string text or json";
+constexpr const char* kAcceptsDestination =
+    "a string naming a destination such as stdout, null or file:access.log";
+
+// The tokens of the lines.
+constexpr std::string_view kOk = "ok";
+constexpr std::string_view kFailed = "failed";
+
+// A configuration value as refusals show it: the value and its type.
+struct ShownValue : boost::static_visitor<std::string> {
+  std::string operator()(bool value) const { return std::string(value ? "true" : "false") + " (bool)"; }
+  std::string operator()(int value) const { return std::to_string(value) + " (int)"; }
+  std::string operator()(unsigned value) const { return std::to_string(value) + " (unsigned int)"; }
+  std::string operator()(double value) const {
+    std::ostringstream text;
+    text << value << " (double)";
+    return text.str();
+  }
+  std::string operator()(const std::string& value) const { return "\"" + value + "\" (string)"; }
+  std::string operator()(const std::u16string&) const { return "a UTF-16 string"; }
+  template <typename T>
+  std::string operator()(const std::vector<T>& value) const {
+    return "a list of " + std::to_string(value.size()) + " values";
+  }
+};
+
+// Refuses a value: the setting keeps `current`. The warn record is for whoever reads the process
+// log; the exception tells the configuration that delivered the value.
+[[noreturn]] void refuse(const std::string& key, const ConfigValue& value, const std::string& accepted,
+                         const std::string& current) {
+  const std::string text = key + " refused " + boost::apply_visitor(ShownValue(), value) + ": it takes " +
+                           accepted + "; the setting stays " + current;
+  foundation::log::channel(kConfigChannel).warn(text);
+  throw std::invalid_argument(text);
+}
+
+std::shared_ptr<spdlog::sinks::sink> openDestination(const std::string& text) {
+  std::shared_ptr<spdlog::sinks::sink> sink = foundation::log::detail::open_destination(text);
+  // Nothing around the payload: a line is exactly the text or the JSON object.
+  sink->set_pattern("%v");
+  return sink;
+}
+
+std::vector<std::string> splitPrefixes(const std::string& text) {
+  std::vector<std::string> prefixes;
+  std::size_t begin = 0;
+  while (begin <= text.size()) {
+    std::size_t end = text.find(',', begin);
+    if (end == std::string::npos) {
+      end = text.size();
+    }
+    std::string_view item(text.data() + begin, end - begin);
+    while (!item.empty() && item.front() == ' ') {
+      item.remove_prefix(1);
+    }
+    while (!item.empty() && item.back() == ' ') {
+      item.remove_suffix(1);
+    }
+    if (!item.empty()) {
+      prefixes.emplace_back(item);
+    }
+    begin = end + 1;
+  }
+  return prefixes;
+}
+
+void append(Line& line, std::string_view text) {
+  line.append(text.data(), text.data() + text.size());
+}
+
+// A JSON string, quotes included. Type names and most exception texts are plain ASCII and are
+// copied as they are; anything else goes through nlohmann's serializer, which escapes control
+// characters and replaces bytes that are not UTF-8 with U+FFFD.
+void appendJsonString(Line& line, std::string_view text) {
+  const bool plain = std::all_of(text.begin(), text.end(), [](char c) {
+    const auto byte = static_cast<unsigned char>(c);
+    return byte >= 0x20 && byte < 0x80 && c != '"' && c != '\\';
+  });
+  if (plain) {
+    line.push_back('"');
+    append(line, text);
+    line.push_back('"');
+    return;
+  }
+  append(line,
+         nlohmann::json(std::string(text)).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+}
+
+// UTC, ISO 8601 with microseconds: 2026-11-23T08:40:00.123456Z. The calendar date comes from the
+// day count by Howard Hinnant's civil_from_days, which needs neither the C library's time zone
+// lock nor a buffer of its own.
+void appendUtcTime(Line& line, std::chrono::system_clock::time_point time) {
+  using namespace std::chrono;
+  const std::int64_t micros = duration_cast<microseconds>(time.time_since_epoch()).count();
+  std::int64_t days = micros / 86400000000LL;
+  std::int64_t ofDay = micros % 86400000000LL;
+  if (ofDay < 0) {
+    ofDay += 86400000000LL;
+    --days;
+  }
+  days += 719468;
+  const std::int64_t era = (days >= 0 ? days : days - 146096) / 146097;
+  const std::int64_t dayOfEra = days - era * 146097;
+  const std::int64_t yearOfEra = (dayOfEra - dayOfEra / 1460 + dayOfEra / 36524 - dayOfEra / 146096) / 365;
+  const std::int64_t dayOfYear = dayOfEra - (365 * yearOfEra + yearOfEra / 4 - yearOfEra / 100);
+  const std::int64_t monthIndex = (5 * dayOfYear + 2) / 153;
+  const std::int64_t day = dayOfYear - (153 * monthIndex + 2) / 5 + 1;
+  const std::int64_t month = monthIndex < 10 ? monthIndex + 3 : monthIndex - 9;
+  const std::int64_t year = yearOfEra + era * 400 + (month <= 2 ? 1 : 0);
+  fmt::format_to(std::back_inserter(line), "{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:06}Z", year, month, day,
+                 ofDay / 3600000000LL, ofDay / 60000000LL % 60, ofDay / 1000000LL % 60, ofDay % 1000000LL);
+}
+
+// What lines look like and where they go: replaced whole when a setting changes, so that a line
+// is written with one consistent set.
+struct Output {
+  std::string destination = kDefaultDestination;
+  std::shared_ptr<spdlog::sinks::sink> sink;
+  bool json = false;
+  std::string exclude;
+  std::vector<std::string> excludedPrefixes;
+
+  bool excludes(std::string_view type) const {
+    for (const std::string& prefix : excludedPrefixes) {
+      if (type.substr(0, prefix.size()) == prefix) {
+        return true;
+      }
+    }
+    return false;
+  }
+};
+
+}  // namespace
+
+struct AccessLogServiceProvider::Core {
+  // Read on every request, without a lock.
+  std::atomic<bool> enabled{true};
+  std::atomic<bool> errorsOnly{false};
+  std::atomic<int> slowerThanUs{0};
+  std::atomic<int> sampleEvery{1};
+  std::atomic<std::uint64_t> nextNumber{0};
+  std::atomic<std::uint64_t> failedWrites{0};
+
+  // Held to read or replace `output`, never while a line is written or a file is opened.
+  mutable std::mutex mutex;
+  std::shared_ptr<const Output> output;  // guarded by mutex
+
+  std::shared_ptr<const Output> currentOutput() const {
+    std::lock_guard<std::mutex> lock(mutex);
+    return output;
+  }
+
+  // Replaces `output` by a copy that `change` has edited.
+  template <typename Change>
+  void changeOutput(Change&& change) {
+    std::lock_guard<std::mutex> lock(mutex);
+    auto next = std::make_shared<Output>(*output);
+    change(*next);
+    output = std::move(next);
+  }
+
+  // Called once per numbered request, when it has completed.
+  void finish(std::uint64_t number, const std::type_info& type, tick_clock::time_point start,
+              const Outcome& outcome) noexcept {
+    const tick_clock::duration elapsed = std::max(tick_clock::now() - start, tick_clock::duration::zero());
+    try {
+      if (!enabled.load(std::memory_order_relaxed)) {
+        return;
+      }
+      const std::int64_t elapsedUs = std::chrono::duration_cast<std::chrono::microseconds>(elapsed).count();
+      if (outcome.ok()) {
+        const int slowUs = slowerThanUs.load(std::memory_order_relaxed);
+        const bool slow = slowUs > 0 && elapsedUs >= slowUs;
+        if (!slow &&
+            (errorsOnly.load(std::memory_order_relaxed) ||
+             number % static_cast<std::uint64_t>(sampleEvery.load(std::memory_order_relaxed)) != 0)) {
+          return;
+        }
+      }
+      const std::shared_ptr<const Output> out = currentOutput();
+      const std::string_view name = detail::messageTypeName(type);
+      if (outcome.ok() && out->excludes(name)) {
+        return;
+      }
+      const auto startTime = std::chrono::system_clock::now() -
+                             std::chrono::duration_cast<std::chrono::system_clock::duration>(elapsed);
+      Line line;
+      if (out->json) {
+        fmt::format_to(std::back_inserter(line), "{{\"number\":{},\"type\":", number);
+        appendJsonString(line, name);
+        if (outcome.ok()) {
+          append(line, ",\"outcome\":\"ok\"");
+        } else {
+          append(line, ",\"outcome\":\"failed\",\"exception\":");
+          appendJsonString(line, outcome.exceptionType);
+          append(line, ",\"what\":");
+          appendJsonString(line, outcome.what);
+        }
+        fmt::format_to(std::back_inserter(line), ",\"elapsed_us\":{},\"start\":\"", elapsedUs);
+        appendUtcTime(line, startTime);
+        append(line, "\"}");
+      } else {
+        fmt::format_to(std::back_inserter(line), "{} {} ", number, name);
+        if (outcome.ok()) {
+          append(line, kOk);
+        } else {
+          append(line, outcome.exceptionType);
+          line.push_back(' ');
+          appendJsonString(line, outcome.what);
+        }
+        fmt::format_to(std::back_inserter(line), " elapsed_us={} start=", elapsedUs);
+        appendUtcTime(line, startTime);
+      }
+      out->sink->log(spdlog::details::log_msg(spdlog::source_loc{}, spdlog::string_view_t(),
+                                              spdlog::level::info,
+                                              spdlog::string_view_t(line.data(), line.size())));
+      out->sink->flush();
+    } catch (...) {
+      failedWrites.fetch_add(1, std::memory_order_relaxed);
+    }
+  }
+};
+
+AccessLogServiceProvider::AccessLogServiceProvider(
+    std::shared_ptr<configuration::Configuration> configuration, const std::string& name)
+    : core_(std::make_shared<Core>()) {
+  {
+    auto output = std::make_shared<Output>();
+    output->sink = openDestination(kDefaultDestination);
+    core_->output = std::move(output);
+  }
+  if (!configuration) {
+    return;
+  }
+  configuration->set(name + kEnabledKeySuffix, ConfigValue(true), kDefaultLabel);
+  configuration->set(name + kErrorsOnlyKeySuffix, ConfigValue(false), kDefaultLabel);
+  configuration->set(name + kSlowerThanKeySuffix, ConfigValue(0), kDefaultLabel);
+  configuration->set(name + kSampleEveryKeySuffix, ConfigValue(1), kDefaultLabel);
+  configuration->set(name + kExcludeKeySuffix, ConfigValue(std::string()), kDefaultLabel);
+  configuration->set(name + kFormatKeySuffix, ConfigValue(std::string(kTextFormat)), kDefaultLabel);
+  configuration->set(name + kDestinationKeySuffix, ConfigValue(std::string(kDefaultDestination)),
+                     kDefaultLabel);
+
+  // The callbacks hold the core, not the provider: it outlives them either way, and the
+  // destructor's cancel() waits for any that is running.
+  Core* const core = core_.get();
+  const auto follow = [&](const char* suffix, auto apply) {
+    const std::string key = name + suffix;
+    std::function<void(ConfigValue &&)> callback = [core, key, apply](ConfigValue&& value) {
+      apply(*core, key, value);
+    };
+    cancellers_.push_back(reactive_streams::makeCanceller(
+        reactive_streams::subscribeCallback(configuration->observe(key), std::move(callback))));
+  };
+  const auto followBool = [&](const char* suffix, std::atomic<bool> Core::*field) {
+    follow(suffix, [field](Core& c, const std::string& key, const ConfigValue& value) {
+      const bool* flag = boost::get<bool>(&value);
+      if (flag == nullptr) {
+        refuse(key, value, kAcceptsBool, (c.*field).load() ? "true" : "false");
+      }
+      (c.*field).store(*flag);
+    });
+  };
+  const auto followInt = [&](const char* suffix, std::atomic<int> Core::*field, int least,
+                             const char* accepts) {
+    follow(suffix, [field, least, accepts](Core& c, const std::string& key, const ConfigValue& value) {
+      const int* number = boost::get<int>(&value);
+      if (number == nullptr || *number < least) {
+        refuse(key, value, accepts, std::to_string((c.*field).load()));
+      }
+      (c.*field).store(*number);
+    });
+  };
+  const auto followString = [&](const char* suffix, const char* accepts, auto apply) {
+    follow(suffix, [accepts, apply](Core& c, const std::string& key, const ConfigValue& value) {
+      const std::string* text = boost::get<std::string>(&value);
+      if (text == nullptr) {
+        refuse(key, value, accepts, "\"" + apply(c, nullptr) + "\"");
+      }
+      apply(c, text);
+    });
+  };
+
+  followBool(kEnabledKeySuffix, &Core::enabled);
+  followBool(kErrorsOnlyKeySuffix, &Core::errorsOnly);
+  followInt(kSlowerThanKeySuffix, &Core::slowerThanUs, 0, kAcceptsSlowerThan);
+  followInt(kSampleEveryKeySuffix, &Core::sampleEvery, 1, kAcceptsSampleEvery);
+  // Each string callback is called with nullptr to read the current value (for a refusal), or
+  // with the new text to apply it; it answers the value in force afterwards.
+  followString(kExcludeKeySuffix, kAcceptsExclude, [](Core& c, const std::string* text) {
+    if (text != nullptr) {
+      std::vector<std::string> prefixes = splitPrefixes(*text);
+      c.changeOutput([&](Output& out) {
+        out.exclude = *text;
+        out.excludedPrefixes = std::move(prefixes);
+      });
+    }
+    return c.currentOutput()->exclude;
+  });
+  const std::string formatKey = name + kFormatKeySuffix;
+  followString(kFormatKeySuffix, kAcceptsFormat, [formatKey](Core& c, const std::string* text) {
+    if (text != nullptr) {
+      if (*text != kTextFormat && *text != kJsonFormat) {
+        refuse(formatKey, *text, kAcceptsFormat, c.currentOutput()->json ? kJsonFormat : kTextFormat);
+      }
+      c.changeOutput([&](Output& out) { out.json = *text == kJsonFormat; });
+    }
+    return std::string(c.currentOutput()->json ? kJsonFormat : kTextFormat);
+  });
+  const std::string destinationKey = name + kDestinationKeySuffix;
+  followString(
+      kDestinationKeySuffix, kAcceptsDestination, [destinationKey](Core& c, const std::string* text) {
+        if (text != nullptr) {
+          std::shared_ptr<spdlog::sinks::sink> sink;
+          try {
+            sink = openDestination(*text);  // outside the lock: it may touch the file system
+          } catch (const std::exception& error) {
+            refuse(destinationKey, *text, std::string(kAcceptsDestination) + " (" + error.what() + ")",
+                   "\"" + c.currentOutput()->destination + "\"");
+          }
+          c.changeOutput([&](Output& out) {
+            out.destination = *text;
+            out.sink = std::move(sink);
+          });
+        }
+        return c.currentOutput()->destination;
+      });
+}
+
+AccessLogServiceProvider::~AccessLogServiceProvider() {
+  for (const std::shared_ptr<reactive_streams::Canceller>& entry : cancellers_) {
+    const std::shared_ptr<reactive_streams::Canceller> canceller = entry;
+    canceller->cancel();
+  }
+}
+
+std::uint64_t AccessLogServiceProvider::failedWrites() const noexcept {
+  return core_->failedWrites.load();
+}
+
+Future<MessagePtr> AccessLogServiceProvider::deliver(MessagePtr&& message, Address&& address,
+                                                     std::shared_ptr<Context>&& context) {
+  if (!message) {
+    throw std::bad_typeid();
+  }
+  Core* const core = core_.get();
+  if (!core->enabled.load(std::memory_order_relaxed)) {
+    return context->forward(std::move(message), std::move(address));
+  }
+  const Message& object = *message;
+  const std::type_info& type = typeid(object);  // the message itself may be gone by completion
+  const std::uint64_t number = core->nextNumber.fetch_add(1, std::memory_order_relaxed);
+  const tick_clock::time_point start = tick_clock::now();
+  Future<MessagePtr> answer(nullptr);
+  try {
+    answer = context->forward(std::move(message), std::move(address));
+  } catch (...) {
+    core->finish(number, type, start, detail::currentFailure());
+    throw;
+  }
+  return detail::observeAnswer(
+      std::move(answer),
+      [core, number, &type, start](const Outcome& outcome) { core->finish(number, type, start, outcome); },
+      [this] { return core_; });
+}
+
+}  // namespace common_services
+}  // namespace connector

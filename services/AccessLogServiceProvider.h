@@ -1,0 +1,94 @@
+// Access log: passes every request on along the delivery chain without waiting for it, and writes
+// one line for each request its settings select, when the request completes, to a destination of
+// its own. Meant to stay on in production: callers are never held, and operators choose what is
+// written (failures, slow requests, a deterministic sample) while the provider runs.
+//
+// A line says: the request number (every request is numbered from 0 while the log is enabled),
+// the message type name (as the logging provider names it), the outcome (ok, or the exception's
+// type name and what()), the elapsed time in microseconds (steady clock) and the start time (UTC,
+// ISO 8601 with microseconds). Format text:
+//   7 demo::Order ok elapsed_us=12 start=2026-11-23T08:40:00.123456Z
+//   8 demo::Ping std::runtime_error "flaky: refused request 3" elapsed_us=15
+//   start=2026-11-23T08:40:00.123501Z
+// Format json, one object per line, keys always in this order; "exception" and "what" only for a
+// failed request; strings are valid JSON whatever the bytes (invalid UTF-8 becomes U+FFFD):
+//   {"number":7,"type":"demo::Order","outcome":"ok","elapsed_us":12,"start":"2026-11-23T08:40:00.123456Z"}
+//   {"number":8,"type":"demo::Ping","outcome":"failed","exception":"std::runtime_error",
+//    "what":"flaky: refused request 3","elapsed_us":15,"start":"2026-11-23T08:40:00.123501Z"}
+// A line is exactly that text or object and a newline; each is flushed as it is written.
+//
+// Settings, configuration keys formed from the name (defaults written under the label "default",
+// then followed live, in this order):
+//   NAME.enabled       bool, true    log at all (a disabled log numbers nothing)
+//   NAME.errorsOnly    bool, false   leave out the sample: only failed and slow requests
+//   NAME.slowerThanUs  int >= 0, 0   a request is slow when its elapsed time is at least this
+//                                    many microseconds; 0 leaves latency out of the selection
+//   NAME.sampleEvery   int >= 1, 1   of the other requests, log those whose number is a multiple
+//   NAME.exclude       string, ""    comma-separated type-name prefixes never logged unless failed
+//   NAME.format        "text"        text or json
+//   NAME.destination   "stdout"      as the process log's destinations (stderr, null, file:PATH,
+//                                    ...), under the process log's file confinement
+// So, while enabled: a failed request is always logged; an excluded one never otherwise; a slow
+// one always otherwise; the rest only when errorsOnly is off and they are sampled. A value of the
+// wrong type or out of range is refused: the setting stays, a warn record on the process log's
+// channel connector.config names the key, the value and what is accepted, and the callback throws
+// std::invalid_argument with the same text back to the configuration. With a null configuration
+// the defaults stay for the provider's life.
+//
+// Never blocks and never changes an answer: deliver() returns the context's own future when the
+// answer is already Resolved, and otherwise a future that settles when the answer settles, with
+// the same response object or the same exception. An exception thrown by forward() is logged as a
+// failure and then leaves deliver(). A line that cannot be written is counted (failedWrites())
+// and dropped.
+//
+// Ownership: the provider keeps one canceller per key and shares its settings and destination
+// with the continuations of requests still pending, so a request that completes after the
+// provider is gone is still logged. Threads: any number of threads may call deliver() at once,
+// while the configuration delivers settings on its own threads; lines are written on the thread
+// that completes the request. When the destructor returns, no configuration callback of this
+// provider is running or will run.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "foundation/Export.h"
+#include "framework/Configuration.h"
+#include "framework/ReactiveStreams.h"
+#include "framework/ServiceProvider.h"
+
+namespace connector {
+namespace common_services {
+
+class CONNECTOR_EXPORT AccessLogServiceProvider : public connector::ServiceProvider {
+ public:
+  // Opens the default destination (stdout), writes the seven defaults into `configuration` and
+  // subscribes to the seven keys. `configuration` may be null. Exceptions of the configuration
+  // reach the caller, after the subscriptions made so far have been cancelled.
+  AccessLogServiceProvider(std::shared_ptr<configuration::Configuration> configuration,
+                           const std::string& name);
+
+  // Cancels the subscriptions, waiting for callbacks that other threads are running.
+  ~AccessLogServiceProvider() override;
+
+  // Passes `message` and `address` on through context->forward() and returns at once (see
+  // above). An empty `message` throws std::bad_typeid before anything else happens.
+  Future<std::unique_ptr<Message>> deliver(std::unique_ptr<Message>&& message, Address&& address,
+                                           std::shared_ptr<Context>&& context) override;
+
+  // Lines that could not be written (the destination failed), since construction.
+  std::uint64_t failedWrites() const noexcept;
+
+ private:
+  struct Core;
+
+  // Declared before cancellers so that, should the constructor fail, the cancellers (whose
+  // destruction waits for running callbacks) go first.
+  const std::shared_ptr<Core> core_;
+  std::vector<std::shared_ptr<reactive_streams::Canceller>> cancellers_;
+};
+
+}  // namespace common_services
+}  // namespace connector

@@ -1,0 +1,425 @@
+#include "services/StatisticsServiceProvider.h"
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <exception>
+#include <map>
+#include <mutex>
+#include <stdexcept>
+#include <string_view>
+#include <tuple>
+#include <typeinfo>
+#include <utility>
+
+#include "foundation/core/detail/ThreadIndex.h"
+#include "foundation/core/detail/TickClock.h"
+#include "services/detail/AnswerObserver.h"
+#include "services/detail/LatencyHistogram.h"
+#include "services/detail/MessageTypeName.h"
+#include "services/detail/SlowestRequests.h"
+
+namespace connector {
+namespace common_services {
+
+namespace {
+
+using administration::Command;
+using detail::Outcome;
+using foundation::core::detail::tick_clock;
+using Arguments = std::vector<std::string>;
+using MessagePtr = std::unique_ptr<Message>;
+
+constexpr const char* kStatisticsSuffix = ".statistics";
+constexpr const char* kResetSuffix = ".statistics.reset";
+constexpr const char* kInFlightSuffix = ".inflight";
+constexpr const char* kSlowestSuffix = ".slowest";
+
+constexpr const char* kStatisticsDescription =
+    "List per message type the requests completed, failed and in flight, and their latency percentiles "
+    "(optionally only the types that start with a prefix).";
+constexpr const char* kResetDescription = "Zero the request counts, latency histograms and the slowest list.";
+constexpr const char* kInFlightDescription = "List the requests in flight with their age, oldest first.";
+constexpr const char* kSlowestDescription =
+    "List the slowest requests since the last reset, slowest first (default 10, at most 32).";
+
+constexpr std::string_view kOk = "ok";
+
+// Threads are spread over this many stripes of counters; threads that start delivering one after
+// another take different stripes.
+constexpr std::size_t kStripes = 16;
+constexpr std::size_t kSlowestKept = 32;
+constexpr std::size_t kSlowestDefault = 10;
+// Requests in flight that have a slot of their own; more wait in a map under a lock.
+constexpr std::size_t kInFlightSlots = 256;
+// Message types found without a lock; more are looked up under one.
+constexpr std::size_t kTypeSlots = 256;
+constexpr std::size_t kTypeProbes = 16;
+
+std::uint64_t microseconds(std::int64_t nanoseconds) {
+  return static_cast<std::uint64_t>(std::max<std::int64_t>(nanoseconds, 0)) / 1000;
+}
+
+// What is counted for one message type. Each stripe is written by the threads that map to it.
+struct TypeStats {
+  struct alignas(64) Stripe {
+    std::array<std::atomic<std::uint64_t>, detail::kLatencyBuckets> buckets{};
+    std::atomic<std::uint64_t> failed{0};
+    std::atomic<std::int64_t> maxNanoseconds{0};
+  };
+
+  explicit TypeStats(std::string_view typeName) : name(typeName) {}
+
+  const std::string_view name;  // cached for the process
+  std::array<Stripe, kStripes> stripes;
+
+  void record(std::size_t stripe, std::int64_t elapsed, bool failed) {
+    Stripe& s = stripes[stripe];
+    s.buckets[detail::latencyBucket(microseconds(elapsed))].fetch_add(1, std::memory_order_relaxed);
+    if (failed) {
+      s.failed.fetch_add(1, std::memory_order_relaxed);
+    }
+    std::int64_t max = s.maxNanoseconds.load(std::memory_order_relaxed);
+    while (elapsed > max &&
+           !s.maxNanoseconds.compare_exchange_weak(max, elapsed, std::memory_order_relaxed)) {
+    }
+  }
+
+  // Concurrent increments land before or after the zero, never lost half-way.
+  void reset() {
+    for (Stripe& s : stripes) {
+      for (auto& bucket : s.buckets) {
+        bucket.store(0, std::memory_order_relaxed);
+      }
+      s.failed.store(0, std::memory_order_relaxed);
+      s.maxNanoseconds.store(0, std::memory_order_relaxed);
+    }
+  }
+};
+
+// The message types seen, found by the address of their runtime name. A slot goes from null to
+// an entry once and never changes, so finding a type is a few loads. Two runtime names of one
+// type (from two shared objects) share one TypeStats, joined by the readable name.
+class TypeTable {
+ public:
+  TypeStats& find(const std::type_info& type) {
+    const char* key = type.name();
+    std::size_t index = home(key);
+    for (std::size_t step = 0; step < kTypeProbes; ++step, index = (index + 1) % kTypeSlots) {
+      const Entry* entry = slots_[index].load(std::memory_order_acquire);
+      if (entry == nullptr) {
+        break;
+      }
+      if (entry->key == key) {
+        return *entry->stats;
+      }
+    }
+    return add(type);
+  }
+
+  // Every type, sorted by name.
+  std::vector<TypeStats*> all() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    std::vector<TypeStats*> types;
+    for (const auto& named : byName_) {
+      types.push_back(named.second);
+    }
+    return types;
+  }
+
+ private:
+  struct Entry {
+    const char* key;
+    TypeStats* stats;
+  };
+
+  static std::size_t home(const char* key) {
+    const auto bits = static_cast<std::uint64_t>(reinterpret_cast<std::uintptr_t>(key));
+    return static_cast<std::size_t>((bits * 0x9E3779B97F4A7C15ULL) >> 56) % kTypeSlots;
+  }
+
+  TypeStats& add(const std::type_info& type) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    const char* key = type.name();
+    const auto known = byKey_.find(key);
+    if (known != byKey_.end()) {
+      return *known->second;
+    }
+    const std::string_view name = detail::messageTypeName(type);
+    TypeStats*& stats = byName_[name];
+    if (stats == nullptr) {
+      stats = &types_.emplace_back(name);
+    }
+    byKey_[key] = stats;
+    entries_.push_back(Entry{key, stats});
+    const Entry* entry = &entries_.back();
+    std::size_t index = home(key);
+    for (std::size_t step = 0; step < kTypeProbes; ++step, index = (index + 1) % kTypeSlots) {
+      const Entry* empty = nullptr;
+      if (slots_[index].compare_exchange_strong(empty, entry, std::memory_order_acq_rel)) {
+        break;
+      }
+    }
+    return *stats;  // with no free slot, later lookups come here, under the lock
+  }
+
+  std::array<std::atomic<const Entry*>, kTypeSlots> slots_{};  // written under mutex_, read without it
+  mutable std::mutex mutex_;
+  std::deque<TypeStats> types_;                    // guarded by mutex_; never shrinks
+  std::deque<Entry> entries_;                      // guarded by mutex_; never shrinks
+  std::map<const char*, TypeStats*> byKey_;        // guarded by mutex_
+  std::map<std::string_view, TypeStats*> byName_;  // guarded by mutex_
+};
+
+// The requests in flight. A slot is free while its `number` is 0 and held by the request whose
+// number plus one it holds. The holder claims it by that number, then writes the start and, last,
+// the type; it clears the type before it lets the number go. So a reader that finds a type, and
+// the same number before and after reading, has read the values of one request.
+class InFlightTable {
+ public:
+  struct Request {
+    std::uint64_t number;
+    const TypeStats* type;
+    std::int64_t startNanoseconds;
+  };
+
+  // Where a request was put: its slot, or nullptr for the overflow map.
+  using Ticket = void*;
+
+  Ticket enter(std::size_t stripe, const Request& request) {
+    const std::uint64_t held = request.number + 1;
+    const std::size_t first = stripe * (kInFlightSlots / kStripes);
+    for (std::size_t step = 0; step < kInFlightSlots; ++step) {
+      Slot& slot = slots_[(first + step) % kInFlightSlots];
+      std::uint64_t free = 0;
+      if (slot.number.load(std::memory_order_relaxed) == 0 &&
+          slot.number.compare_exchange_strong(free, held, std::memory_order_acq_rel)) {
+        slot.startNanoseconds.store(request.startNanoseconds, std::memory_order_relaxed);
+        slot.type.store(request.type, std::memory_order_release);
+        return &slot;
+      }
+    }
+    std::lock_guard<std::mutex> lock(mutex_);
+    overflow_[request.number] = request;
+    return nullptr;
+  }
+
+  void leave(Ticket ticket, std::uint64_t number) {
+    if (ticket != nullptr) {
+      Slot& slot = *static_cast<Slot*>(ticket);
+      slot.type.store(nullptr, std::memory_order_relaxed);
+      slot.number.store(0, std::memory_order_release);
+      return;
+    }
+    std::lock_guard<std::mutex> lock(mutex_);
+    overflow_.erase(number);
+  }
+
+  std::vector<Request> list() const {
+    std::vector<Request> requests;
+    for (const Slot& slot : slots_) {
+      const std::uint64_t before = slot.number.load(std::memory_order_acquire);
+      if (before == 0) {
+        continue;
+      }
+      const TypeStats* type = slot.type.load(std::memory_order_acquire);
+      const std::int64_t start = slot.startNanoseconds.load(std::memory_order_relaxed);
+      if (type != nullptr && slot.number.load(std::memory_order_acquire) == before) {
+        requests.push_back(Request{before - 1, type, start});
+      }
+    }
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (const auto& entry : overflow_) {
+      requests.push_back(entry.second);
+    }
+    return requests;
+  }
+
+ private:
+  struct alignas(64) Slot {
+    std::atomic<std::uint64_t> number{0};
+    std::atomic<std::int64_t> startNanoseconds{0};
+    std::atomic<const TypeStats*> type{nullptr};
+  };
+
+  std::array<Slot, kInFlightSlots> slots_{};
+  mutable std::mutex mutex_;
+  std::map<std::uint64_t, Request> overflow_;  // guarded by mutex_
+};
+
+struct alignas(64) Sequence {
+  std::atomic<std::uint64_t> next{0};
+};
+
+std::uint64_t parseCount(const std::string& command, const std::string& text) {
+  const bool digits = !text.empty() && text.size() <= 2 &&
+                      std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
+  const std::uint64_t count = digits ? std::stoull(text) : 0;
+  if (count < 1 || count > kSlowestKept) {
+    throw std::invalid_argument(command + " takes a count from 1 to " + std::to_string(kSlowestKept) +
+                                ", but was given \"" + text + "\"");
+  }
+  return count;
+}
+
+}  // namespace
+
+struct StatisticsServiceProvider::State {
+  TypeTable types;
+  InFlightTable inFlight;
+  detail::SlowestRequests slowest{kSlowestKept};
+  std::array<Sequence, kStripes> sequences;
+
+  void finish(InFlightTable::Ticket ticket, TypeStats& type, std::uint64_t number,
+              tick_clock::time_point start, const Outcome& outcome) noexcept {
+    const std::int64_t elapsed = std::max<std::int64_t>((tick_clock::now() - start).count(), 0);
+    inFlight.leave(ticket, number);
+    type.record(foundation::core::detail::thread_index() % kStripes, elapsed, !outcome.ok());
+    try {
+      slowest.offer({number, type.name, elapsed, outcome.ok() ? kOk : outcome.exceptionType});
+    } catch (...) {
+      // Only a failed allocation of the list, at most once per free place: the request is counted.
+    }
+  }
+
+  std::string statistics(const Arguments& arguments) const {
+    const std::string_view prefix =
+        arguments.empty() ? std::string_view() : std::string_view(arguments.front());
+    std::map<const TypeStats*, std::uint64_t> inFlightByType;
+    for (const InFlightTable::Request& request : inFlight.list()) {
+      ++inFlightByType[request.type];
+    }
+    std::string text;
+    for (const TypeStats* type : types.all()) {
+      if (type->name.substr(0, prefix.size()) != prefix) {
+        continue;
+      }
+      detail::LatencyCounts counts{};
+      std::uint64_t failed = 0;
+      std::int64_t max = 0;
+      for (const TypeStats::Stripe& stripe : type->stripes) {
+        for (std::size_t i = 0; i < counts.size(); ++i) {
+          counts[i] += stripe.buckets[i].load(std::memory_order_relaxed);
+        }
+        failed += stripe.failed.load(std::memory_order_relaxed);
+        max = std::max(max, stripe.maxNanoseconds.load(std::memory_order_relaxed));
+      }
+      const detail::LatencySummary summary = detail::summarizeLatencies(counts, microseconds(max));
+      const auto found = inFlightByType.find(type);
+      const std::uint64_t inFlightCount = found == inFlightByType.end() ? 0 : found->second;
+      if (summary.count == 0 && inFlightCount == 0) {
+        continue;
+      }
+      text += std::string(type->name) + " count=" + std::to_string(summary.count) +
+              " failed=" + std::to_string(failed) + " inflight=" + std::to_string(inFlightCount) +
+              " p50_us=" + std::to_string(summary.p50) + " p90_us=" + std::to_string(summary.p90) +
+              " p99_us=" + std::to_string(summary.p99) + " max_us=" + std::to_string(summary.max) + "\n";
+    }
+    return text;
+  }
+
+  void reset() {
+    for (TypeStats* type : types.all()) {
+      type->reset();
+    }
+    slowest.clear();
+  }
+
+  std::string listInFlight() const {
+    std::vector<InFlightTable::Request> requests = inFlight.list();
+    std::sort(requests.begin(), requests.end(), [](const auto& a, const auto& b) {
+      return std::tie(a.startNanoseconds, a.number) < std::tie(b.startNanoseconds, b.number);
+    });
+    const std::int64_t now = tick_clock::now().time_since_epoch().count();
+    std::string text;
+    for (const InFlightTable::Request& request : requests) {
+      text += std::to_string(request.number) + " " + std::string(request.type->name) +
+              " age_us=" + std::to_string(microseconds(now - request.startNanoseconds)) + "\n";
+    }
+    return text;
+  }
+
+  std::string listSlowest(std::size_t count) const {
+    std::string text;
+    for (const detail::SlowestRequests::Entry& entry : slowest.slowest(count)) {
+      text += std::to_string(entry.number) + " " + std::string(entry.type) +
+              " elapsed_us=" + std::to_string(microseconds(entry.elapsedNanoseconds)) + " " +
+              std::string(entry.outcome) + "\n";
+    }
+    return text;
+  }
+};
+
+StatisticsServiceProvider::StatisticsServiceProvider(
+    std::shared_ptr<administration::Administration> administration, const std::string& name)
+    : state_(std::make_shared<State>()), administration_(std::move(administration)) {
+  if (!administration_) {
+    return;
+  }
+  // Each handler holds the state, never the provider: the registry may call it after we are gone.
+  const auto add = [&](const char* suffix, const char* description, std::uint8_t least, std::uint8_t most,
+                       auto run) {
+    const std::string command = name + suffix;
+    administration_->registerCommand(Command{
+        command, description,
+        [state = state_, command, run](Arguments&& arguments) { return run(*state, command, arguments); },
+        least, most});
+    commandNames_.push_back(command);
+  };
+  add(kStatisticsSuffix, kStatisticsDescription, 0, 1,
+      [](const State& state, const std::string&, const Arguments& arguments) {
+        return state.statistics(arguments);
+      });
+  add(kResetSuffix, kResetDescription, 0, 0, [](State& state, const std::string&, const Arguments&) {
+    state.reset();
+    return std::string();
+  });
+  add(kInFlightSuffix, kInFlightDescription, 0, 0,
+      [](const State& state, const std::string&, const Arguments&) { return state.listInFlight(); });
+  add(kSlowestSuffix, kSlowestDescription, 0, 1,
+      [](const State& state, const std::string& command, const Arguments& arguments) {
+        return state.listSlowest(arguments.empty() ? kSlowestDefault
+                                                   : parseCount(command, arguments.front()));
+      });
+}
+
+StatisticsServiceProvider::~StatisticsServiceProvider() {
+  for (const std::string& command : commandNames_) {
+    administration_->unregisterCommand(command);
+  }
+}
+
+Future<MessagePtr> StatisticsServiceProvider::deliver(MessagePtr&& message, Address&& address,
+                                                      std::shared_ptr<Context>&& context) {
+  if (!message) {
+    throw std::bad_typeid();
+  }
+  State* const state = state_.get();
+  const Message& object = *message;
+  TypeStats& type = state->types.find(typeid(object));
+  const std::size_t stripe = foundation::core::detail::thread_index() % kStripes;
+  const std::uint64_t number =
+      state->sequences[stripe].next.fetch_add(1, std::memory_order_relaxed) * kStripes + stripe;
+  const tick_clock::time_point start = tick_clock::now();
+  const InFlightTable::Ticket ticket =
+      state->inFlight.enter(stripe, InFlightTable::Request{number, &type, start.time_since_epoch().count()});
+  Future<MessagePtr> answer(nullptr);
+  try {
+    answer = context->forward(std::move(message), std::move(address));
+  } catch (...) {
+    state->finish(ticket, type, number, start, detail::currentFailure());
+    throw;
+  }
+  return detail::observeAnswer(
+      std::move(answer),
+      [state, ticket, &type, number, start](const Outcome& outcome) {
+        state->finish(ticket, type, number, start, outcome);
+      },
+      [this] { return state_; });
+}
+
+}  // namespace common_services
+}  // namespace connector

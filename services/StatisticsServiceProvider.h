@@ -1,0 +1,76 @@
+// Live request statistics: passes every request on along the delivery chain without waiting for
+// it, and counts each one per message type when it completes, so that operators can read
+// latency percentiles, failures and stuck requests through administration commands instead of
+// searching a log.
+//
+// Per message type (named as the logging provider names it): requests completed, failed ones,
+// requests in flight, and a latency histogram in power-of-two microsecond buckets (1 us to about
+// 67 s, plus overflow) from which p50, p90, p99 and the maximum are read; a percentile is the
+// upper bound of its bucket, so at most twice the true value. Besides: the 32 slowest requests
+// since the last reset, and every request in flight with its start time. Each request gets a
+// number, unique for the provider; numbers from different threads interleave, so they are not in
+// arrival order. Times are read from a steady clock.
+//
+// Commands (NAME is the provider's name), registered with the administration given, withdrawn in
+// the destructor in the same order:
+//   NAME.statistics [TYPE_PREFIX]  one line per type (only types with completed or in-flight
+//       requests), sorted by name:
+//       TYPE count=N failed=N inflight=N p50_us=N p90_us=N p99_us=N max_us=N
+//   NAME.statistics.reset          zeroes the counts, histograms and the slowest list (requests
+//                                  in flight stay listed); answers the empty text
+//   NAME.inflight                  one line per request in flight, oldest first:
+//       NUMBER TYPE age_us=N
+//   NAME.slowest [N]               the N slowest (default 10, 1 to 32), slowest first:
+//       NUMBER TYPE elapsed_us=N ok|EXCEPTION_TYPE
+// A bad count throws std::invalid_argument naming the command, the text given and the range.
+//
+// Never blocks and never changes an answer: deliver() returns the context's own future when the
+// answer is already Resolved, and otherwise a future that settles when the answer settles, with
+// the same response object or the same exception. An exception thrown by forward() is counted as
+// a failure and then leaves deliver().
+//
+// Ownership: the provider holds the administration and shares its statistics with the command
+// handlers and with the continuations of pending requests, so either may outlive it. Threads:
+// any number of threads may call deliver() at once, and the handlers may run on any thread while
+// they do. The request path takes no lock (a message type seen for the first time takes one,
+// once) and spreads its counters over cache lines per thread, so threads delivering different
+// types, or even the same type, do not write a common line.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "foundation/Export.h"
+#include "framework/Administration.h"
+#include "framework/ServiceProvider.h"
+
+namespace connector {
+namespace common_services {
+
+class CONNECTOR_EXPORT StatisticsServiceProvider : public connector::ServiceProvider {
+ public:
+  // Registers the four commands with `administration`, which may be null (then there are none).
+  // If a registration throws, the exception leaves here and the commands registered before it
+  // stay registered (their handlers own what they use).
+  StatisticsServiceProvider(std::shared_ptr<administration::Administration> administration,
+                            const std::string& name);
+
+  // Withdraws the commands. The registry's unregisterCommand() must not throw.
+  ~StatisticsServiceProvider() override;
+
+  // Passes `message` and `address` on through context->forward() and returns at once (see
+  // above). An empty `message` throws std::bad_typeid before anything else happens.
+  Future<std::unique_ptr<Message>> deliver(std::unique_ptr<Message>&& message, Address&& address,
+                                           std::shared_ptr<Context>&& context) override;
+
+ private:
+  struct State;
+
+  const std::shared_ptr<State> state_;
+  const std::shared_ptr<administration::Administration> administration_;
+  std::vector<std::string> commandNames_;  // registered so far, in order
+};
+
+}  // namespace common_services
+}  // namespace connector
