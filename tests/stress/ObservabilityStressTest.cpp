@@ -1,0 +1,109 @@
+// Four threads send requests through an access log and a statistics provider while a fifth flips
+// the access log's settings: the statistics add up exactly and every message is deleted once.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <memory>
+#include <regex>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "services/AccessLogServiceProvider.h"
+#include "services/StatisticsServiceProvider.h"
+#include "tests/stress/StressCounts.h"
+#include "tests/support/CountedMessage.h"
+#include "tests/support/FakeAdministration.h"
+#include "tests/support/FakeConfiguration.h"
+#include "tests/support/FakeContext.h"
+#include "tests/support/TempDirectory.h"
+
+namespace connector {
+namespace {
+
+using common_services::AccessLogServiceProvider;
+using common_services::StatisticsServiceProvider;
+using configuration::ConfigValue;
+using test_support::CountedMessage;
+using test_support::FakeContext;
+using test_support::MessagePtr;
+using namespace std::string_literals;
+
+TEST(ObservabilityStress, CountsAddUpWhileSettingsFlip) {
+  constexpr int kThreads = 4;
+  const int requests = test_support::stressCount(20000);
+  const long aliveBefore = CountedMessage::alive();
+  test_support::TempDirectory directory;
+  auto configuration = std::make_shared<test_support::FakeConfiguration>();
+  auto administration = std::make_shared<test_support::FakeAdministration>();
+  AccessLogServiceProvider access(configuration, "access");
+  configuration->send("access.destination", "file:" + (directory / "access.log"));
+  StatisticsServiceProvider metrics(administration, "metrics");
+
+  // Request i of a thread: every third fails, every fifth is answered only after deliver()
+  // returns, by the thread itself.
+  const auto run = [&](int thread) {
+    for (int i = 0; i < requests; ++i) {
+      const bool fails = i % 3 == 0;
+      Promise<MessagePtr> later;
+      const bool pending = i % 5 == 0;
+      auto downstream = std::make_shared<FakeContext>([&](MessagePtr&& message) -> Future<MessagePtr> {
+        if (pending) {
+          return later.getFuture();
+        }
+        return fails ? makeRejectedFuture<MessagePtr>(std::runtime_error("refused"))
+                     : makeResolvedFuture(std::move(message));
+      });
+      auto upstream = std::make_shared<FakeContext>([&](MessagePtr&& message) {
+        return metrics.deliver(std::move(message), Address("api"), downstream);
+      });
+      Future<MessagePtr> answer =
+          access.deliver(std::make_unique<CountedMessage>(std::to_string(thread)), Address("api"), upstream);
+      if (pending) {
+        fails ? later.reject(std::make_exception_ptr(std::runtime_error("refused")))
+              : later.resolve(std::make_unique<CountedMessage>());
+      }
+      try {
+        answer.get();
+      } catch (const std::runtime_error&) {
+      }
+    }
+  };
+
+  std::atomic<bool> done{false};
+  std::thread flipper([&] {
+    for (int round = 0; !done.load(); ++round) {
+      configuration->send("access.errorsOnly", round % 2 == 0);
+      configuration->send("access.format", round % 3 == 0 ? "json"s : "text"s);
+      configuration->send("access.sampleEvery", 1 + round % 4);
+      configuration->send("access.exclude", round % 2 == 0 ? "connector::test"s : ""s);
+      configuration->send("access.slowerThanUs", round % 5);
+    }
+  });
+  std::vector<std::thread> senders;
+  for (int thread = 0; thread < kThreads; ++thread) {
+    senders.emplace_back(run, thread);
+  }
+  for (std::thread& sender : senders) {
+    sender.join();
+  }
+  done.store(true);
+  flipper.join();
+
+  const int total = kThreads * requests;
+  const int failed = kThreads * ((requests + 2) / 3);
+  const std::string statistics = administration->run("metrics.statistics");
+  std::smatch counts;
+  ASSERT_TRUE(std::regex_search(statistics, counts, std::regex("count=(\\d+) failed=(\\d+) inflight=(\\d+)")))
+      << statistics;
+  EXPECT_EQ(std::stoi(counts[1]), total);
+  EXPECT_EQ(std::stoi(counts[2]), failed);
+  EXPECT_EQ(std::stoi(counts[3]), 0);
+  EXPECT_EQ(administration->run("metrics.inflight"), "");
+  EXPECT_EQ(access.failedWrites(), 0u);
+  EXPECT_EQ(CountedMessage::alive(), aliveBefore);
+}
+
+}  // namespace
+}  // namespace connector
