@@ -23,9 +23,12 @@
 #include "foundation/core/diag/Demangle.h"
 #include "foundation/log/Log.h"
 #include "host/DisplayText.h"
+#include "services/AccessLogServiceProvider.h"
 #include "services/EchoServiceProvider.h"
 #include "services/LoggingServiceProvider.h"
+#include "services/StatisticsServiceProvider.h"
 #include "tools/DemoMessages.h"
+#include "tools/FlakyServiceProvider.h"
 
 namespace connector {
 namespace shell {
@@ -35,6 +38,11 @@ namespace {
 const char* const kEchoName = "echo";
 const char* const kLoggerName = "svc";
 const char* const kEchoAddress = "echo";
+const char* const kAccessName = "access";
+const char* const kMetricsName = "metrics";
+const char* const kFlakyName = "flaky";
+const char* const kApiAddress = "api";
+const char* const kFlakyAddress = "flaky";
 const char* const kOperatorLabel = "operator";
 const char* const kLogChannel = "connector.shell";
 const char* const kMessageTypes = "ping, greeting, order";
@@ -46,6 +54,9 @@ const char* const kUsage = R"(Usage: connector-shell [--script FILE] [--log-dir 
 An interactive host for the connector common services. It runs an EchoServiceProvider named
 "echo" behind a LoggingServiceProvider named "svc" on the address "echo" (svc writes its lines
 to standard output), the connector and process-log administration commands, and the process log.
+The addresses "api" and "flaky" lead through an AccessLogServiceProvider named "access" and a
+StatisticsServiceProvider named "metrics" to "echo", and to "flaky", which refuses every third
+message.
 
 Options:
   --script FILE   run the commands in FILE, each echoed after the prompt, instead of reading
@@ -81,6 +92,10 @@ takes the next character as it is. A line whose first word starts with # is a co
 
 Keys of svc: svc.enabled (bool: log at all), svc.filter (string: log only the messages whose
 type name starts with it, e.g. demo::Order), svc.prefix (string: starts every line).
+Keys of access: access.enabled, access.errorsOnly (bools), access.slowerThanUs,
+access.sampleEvery (ints), access.exclude (type-name prefixes), access.format (text or json),
+access.destination (stdout, stderr, null, file:PATH). Commands of metrics: metrics.statistics,
+metrics.statistics.reset, metrics.inflight, metrics.slowest.
 
 From a terminal the shell reads with a prompt, line editing and Tab completion (of commands,
 addresses, message types and configuration keys). Ctrl-C abandons the line being typed; Ctrl-D
@@ -234,6 +249,13 @@ Shell::Shell(std::ostream& out, std::ostream& err)
   connector_->addServiceProvider(kLoggerName, std::make_shared<common_services::LoggingServiceProvider>(
                                                   configuration_, kLoggerName, svcOut_->stream));
   connector_->setRoute(kEchoAddress, {kLoggerName, kEchoName});
+  connector_->addServiceProvider(
+      kAccessName, std::make_shared<common_services::AccessLogServiceProvider>(configuration_, kAccessName));
+  connector_->addServiceProvider(
+      kMetricsName, std::make_shared<common_services::StatisticsServiceProvider>(registry_, kMetricsName));
+  connector_->addServiceProvider(kFlakyName, std::make_shared<demo::FlakyServiceProvider>());
+  connector_->setRoute(kApiAddress, {kAccessName, kMetricsName, kEchoName});
+  connector_->setRoute(kFlakyAddress, {kAccessName, kMetricsName, kFlakyName});
   connectorCommands_ = std::make_unique<common_services::ConnectorCommandProvider>(connector_, registry_);
   logCommands_ = std::make_unique<common_services::LoggingCommandProvider>(registry_);
   logOperations_ = std::make_unique<common_services::LogOperationsCommandProvider>(registry_);

@@ -1,8 +1,9 @@
 #!/bin/sh
 # Runs connector-shell on a script in a fresh directory (also its --log-dir) and compares what it
-# prints, standard error included, with the expected transcript. The times that the logging
-# provider prints change from run to run, and so do the time and the user in the audit records
-# the process log writes to standard error, so they are masked on both sides.
+# prints, standard error included, with the expected transcript. What changes from run to run is
+# masked on both sides: the times that the logging provider prints, the elapsed and start times
+# of the access log, the latencies of the statistics (and which requests are the slowest), and
+# the time and the user in the audit records the process log writes to standard error.
 # Usage: transcript-test.sh SHELL SCRIPT EXPECTED EXIT-STATUS [TEXT-IN-LOG-FILE]
 set -u
 shell=$1 script=$2 expected=$3 status=$4 logged=${5:-}
@@ -13,7 +14,11 @@ mask() {
   sed -E -e 's/[0-9][0-9.e+-]*: (Request|Response) \(/<ms>: \1 (/' \
          -e 's/elapsed time -?[0-9][0-9.e+-]* ms/elapsed time <ms> ms/' \
          -e 's/^\[[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9:.]+\] \[connector\.audit\]/[<time>] [connector.audit]/' \
-         -e 's/^(\[<time>\] \[connector\.audit\] \[info\] caller=)"[^"]*"/\1"<user>"/'
+         -e 's/^(\[<time>\] \[connector\.audit\] \[info\] caller=)"[^"]*"/\1"<user>"/' \
+         -e 's/elapsed_us=[0-9]+ start=[0-9T:.Z-]+$/elapsed_us=<us> start=<time>/' \
+         -e 's/"elapsed_us":[0-9]+,"start":"[0-9T:.Z-]+"/"elapsed_us":<us>,"start":"<time>"/' \
+         -e 's/(p50|p90|p99|max)_us=[0-9]+/\1_us=<us>/g' \
+         -e 's/^[0-9]+ [^ ]+ elapsed_us=[0-9]+ [^ ]+$/<n> <type> elapsed_us=<us> <outcome>/'
 }
 
 (cd "$work" && "$shell" --log-dir "$work" --script "$script" >output 2>&1)
