@@ -42,7 +42,10 @@ socket=$(stat -c %a "$work/s")
 
 check "a session" 0 "info
 warn,connector.*=debug
+access
 echo
+flaky
+metrics
 svc" "" -- --connect "$work/s" -c connector.log.getSpecification \
   -c 'connector.log.setSpecification "warn,connector.*=debug"' -c connector.log.getSpecification \
   -c connector.listServiceProviders
