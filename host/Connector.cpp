@@ -8,6 +8,8 @@
 #include <stdexcept>
 #include <utility>
 
+#include "host/DisplayText.h"
+
 namespace connector {
 namespace host {
 
@@ -22,9 +24,10 @@ std::string joined(const std::vector<std::string>& names) {
   return text;
 }
 
-// The texts of the failures a delivery answers with.
+// The texts of the failures a delivery answers with. An address that is not routed is often a
+// typing mistake, echoed shortened and with control bytes escaped.
 std::runtime_error noRoute(const std::string& address, const std::vector<std::string>& routed) {
-  return std::runtime_error("no route for address \"" + address + "\" (routed addresses: " +
+  return std::runtime_error("no route for address " + quoted(address, kEchoLimit) + " (routed addresses: " +
                             (routed.empty() ? std::string("none") : joined(routed)) + ")");
 }
 std::runtime_error notAdded(const std::string& address, const std::string& provider) {

@@ -87,7 +87,8 @@ Commands:
                                 connector.log.setSpecification "warn,connector.*=debug"
 
 Values: true and false are bools, whole numbers are ints, anything else is a string; a quoted
-value is always a string ("42"). Double quotes group words into one; inside them a backslash
+value is always a string ("42"). A key keeps the type of its first value and refuses a value of
+another type. Double quotes group words into one; inside them a backslash
 takes the next character as it is. A line whose first word starts with # is a comment.
 
 Keys of svc: svc.enabled (bool: log at all), svc.filter (string: log only the messages whose
@@ -103,8 +104,8 @@ on an empty line leaves. The last 1000 lines are kept in ~/.connector_shell_hist
 Errors are printed as "error: ..." on standard error and the shell goes on.
 
 Exit status: 2 for a wrong option, an unreadable script (a directory, say) or a log directory
-that does not exist;
-otherwise 0, except that with --script or piped input it is 1 when a command failed.
+that does not exist; otherwise 0, except that with --script or piped input it is 1 when a
+command failed.
 )";
 
 // The commands the shell adds to the administration commands, as "help" lists them.
@@ -123,7 +124,7 @@ const ShellCommand kShellCommands[] = {
 };
 const char* const kShellCommandsTitle = "Shell commands:\n";
 const char* const kAdministrationTitle =
-    "Administration commands (NAME [ARGUMENT...]), \"help NAME\" included:\n";
+    "Administration commands (NAME [ARGUMENT...]; \"help NAME\" describes one):\n";
 const char* const kConfigForms = "set KEY VALUE [LABEL], get KEY or list";
 
 // The typed value of a `config set` word: quoted words are strings; true and false are bools;
