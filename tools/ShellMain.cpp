@@ -1,11 +1,14 @@
 // connector-shell: reads commands from a script, a pipe or a terminal and runs them on a Shell.
 // See Shell::usage() (or --help) for what it offers.
+#include <pthread.h>
 #include <signal.h>
 #include <sys/select.h>
+#include <sys/signalfd.h>
 #include <unistd.h>
 
 #include <csignal>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -70,12 +73,20 @@ std::string historyFile() {
   return home != nullptr && home[0] != '\0' ? std::string(home) + "/" + kHistoryFileName : std::string();
 }
 
-// Set by SIGINT; the loop below clears the line being typed when it sees it. A handler can do
-// no more than this safely, which is why the loop uses readline's callback interface.
-volatile std::sig_atomic_t interrupted = 0;
-
-void onInterrupt(int) {
-  interrupted = 1;
+// Ctrl-C abandons the line being typed instead of ending the shell. SIGINT is blocked and read
+// from a descriptor that the input loop waits on beside the terminal, so it is handled in that
+// loop, between two keys, with no signal handler (which could call nothing of readline safely).
+// Called before anything starts a thread, so that every thread inherits the blocked signal.
+// Returns the descriptor, or -1 if it cannot be had (Ctrl-C then ends the shell as usual).
+int takeInterrupts() {
+  sigset_t interrupt;
+  sigemptyset(&interrupt);
+  sigaddset(&interrupt, SIGINT);
+  const int descriptor = signalfd(-1, &interrupt, SFD_CLOEXEC);
+  if (descriptor >= 0) {
+    pthread_sigmask(SIG_BLOCK, &interrupt, nullptr);
+  }
+  return descriptor;
 }
 
 // What the line handler, a plain function, works on.
@@ -101,7 +112,7 @@ void onLine(char* line) {
   lineShell->run(text);
 }
 
-int interactive(connector::shell::Shell& shell) {
+int interactive(connector::shell::Shell& shell, int interrupts) {
   completingShell = &shell;
   lineShell = &shell;
   rl_attempted_completion_function = complete;
@@ -112,22 +123,25 @@ int interactive(connector::shell::Shell& shell) {
     history_truncate_file(file.c_str(), kHistoryLines);
   }
 
-  // Ctrl-C abandons the line being typed instead of ending the shell. No SA_RESTART, so that
-  // select() below returns at once.
-  rl_catch_signals = 0;
-  struct sigaction action {};
-  action.sa_handler = onInterrupt;
-  sigemptyset(&action.sa_mask);
-  sigaction(SIGINT, &action, nullptr);
-
   rl_callback_handler_install(kPrompt, onLine);
+  const int terminal = fileno(rl_instream);
   while (!shell.quitRequested() && !endOfInput) {
     fd_set input;
     FD_ZERO(&input);
-    FD_SET(fileno(rl_instream), &input);
-    const int ready = select(fileno(rl_instream) + 1, &input, nullptr, nullptr, nullptr);
-    if (interrupted) {
-      interrupted = 0;
+    FD_SET(terminal, &input);
+    if (interrupts >= 0) {
+      FD_SET(interrupts, &input);
+    }
+    const int ready = select(std::max(terminal, interrupts) + 1, &input, nullptr, nullptr, nullptr);
+    if (ready < 0 && errno != EINTR) {
+      std::perror("connector-shell: waiting for input");
+      break;
+    }
+    if (ready > 0 && interrupts >= 0 && FD_ISSET(interrupts, &input)) {
+      signalfd_siginfo taken;
+      if (read(interrupts, &taken, sizeof taken) < 0) {
+        std::perror("connector-shell: reading Ctrl-C");
+      }
       rl_free_line_state();
       rl_callback_sigcleanup();
       std::fputs("^C", rl_outstream);
@@ -135,13 +149,7 @@ int interactive(connector::shell::Shell& shell) {
       rl_replace_line("", 0);
       rl_on_new_line();
       rl_redisplay();
-      continue;
-    }
-    if (ready < 0 && errno != EINTR) {
-      std::perror("connector-shell: waiting for input");
-      break;
-    }
-    if (ready > 0) {
+    } else if (ready > 0) {
       rl_callback_read_char();
     }
   }
@@ -249,12 +257,14 @@ int main(int argc, char** argv) {
     connector::shell::Shell shell(std::cout, std::cerr);
     return connector::shell::serve(shell.registry(), serveSocket);
   }
+  const bool fromTerminal = script.empty() && isatty(STDIN_FILENO);
+  const int interrupts = fromTerminal ? takeInterrupts() : -1;
   connector::shell::Shell shell(std::cout, std::cerr);
   if (!script.empty()) {
     return batch(shell, file, true);
   }
-  if (isatty(STDIN_FILENO)) {
-    return interactive(shell);
+  if (fromTerminal) {
+    return interactive(shell, interrupts);
   }
   return batch(shell, std::cin, false);
 }

@@ -59,6 +59,7 @@ expect "connector>"
 tm send-keys -t shell Up
 expect 'connector> # earlier 1500'
 tm send-keys -t shell C-c
+expect 'connector> # earlier 1500^C'  # the signal is handled before anything more is typed
 type_line 'config get svc.pre'
 tm send-keys -t shell Tab Enter
 expect 'svc.prefix = "" (string, label "default")'
