@@ -202,18 +202,25 @@ class ProcessLog {
   // an "async:" destination then writes on the caller's thread.
   void shutdown() {
     std::thread restorer;
-    std::shared_ptr<spdlog::sinks::sink> sink;
+    std::shared_ptr<spdlog::sinks::sink> retired;
     {
       std::lock_guard<std::mutex> lock(mutex_);
       stopping_ = true;
       restorer = std::move(restorer_);
-      sink = destination_sink_;
+      // The channels move to the destination behind the queue (the text in force stays), so that
+      // the queue can be written out with no writer left on it.
+      if (auto direct = detail::behind_queue(*destination_sink_)) {
+        router_->set_sinks({direct});
+        retired = std::exchange(destination_sink_, std::move(direct));
+      }
     }
     restoreDue_.notify_all();
     if (restorer.joinable()) {
       restorer.join();
     }
-    detail::drain_destination(*sink);
+    if (retired) {
+      retiredDrops_ += detail::drain_destination(*retired);
+    }
   }
 
   void confine(const std::string& directory) {

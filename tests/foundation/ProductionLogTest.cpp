@@ -3,6 +3,7 @@
 // or from a test destination. The log is process-wide, so every test sets what it needs.
 #include <chrono>
 #include <cstdint>
+#include <cstdlib>
 #include <filesystem>
 #include <future>
 #include <sstream>
@@ -88,6 +89,22 @@ TEST_F(ProductionLog, ChangingTheDestinationWritesOutTheQueueFirst) {
     ++next[t];
   }
   EXPECT_EQ(next, std::vector<int>(kThreads, kRecords));
+}
+
+// A normal exit writes out what is still queued.
+TEST_F(ProductionLog, ANormalExitWritesOutTheQueue) {
+  const std::string file = dir / "exit.log";
+  EXPECT_EXIT(
+      {
+        flog::set_destination("async:file:" + file);
+        const flog::channel channel("prodlog.exit");
+        for (int i = 0; i < 8000; ++i) {
+          channel.info(std::to_string(i));
+        }
+        std::exit(0);
+      },
+      ::testing::ExitedWithCode(0), "");
+  EXPECT_EQ(lines(file).size(), 8000u);
 }
 
 // A stalled destination: the queue keeps the newest 8,192 records, counts the ones it dropped,

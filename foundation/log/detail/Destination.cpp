@@ -221,7 +221,7 @@ std::shared_ptr<spdlog::sinks::sink> open_destination(const std::string& text, c
 void reopen_destination(spdlog::sinks::sink& destination, const std::string& text) {
   spdlog::sinks::sink* sink = &destination;
   if (auto* queue = dynamic_cast<async_sink*>(sink)) {
-    sink = &queue->target();
+    sink = queue->target().get();
   }
   auto* file = dynamic_cast<reopenable_file_sink*>(sink);
   if (file == nullptr) {
@@ -235,6 +235,11 @@ void reopen_destination(spdlog::sinks::sink& destination, const std::string& tex
 queue_counts queue_counts_of(spdlog::sinks::sink& destination) {
   auto* queue = dynamic_cast<async_sink*>(&destination);
   return queue == nullptr ? queue_counts{} : queue_counts{queue->dropped(), queue->queued()};
+}
+
+std::shared_ptr<spdlog::sinks::sink> behind_queue(spdlog::sinks::sink& destination) {
+  auto* queue = dynamic_cast<async_sink*>(&destination);
+  return queue == nullptr ? nullptr : queue->target();
 }
 
 std::size_t drain_destination(spdlog::sinks::sink& destination) {

@@ -52,8 +52,12 @@ struct queue_counts {
 };
 queue_counts queue_counts_of(spdlog::sinks::sink& destination);
 
+// The destination behind an "async:" queue; null for the others.
+std::shared_ptr<spdlog::sinks::sink> behind_queue(spdlog::sinks::sink& destination);
+
 // Writes out the queue of an "async:" destination and stops its thread (later records are
 // written on the writer's thread); does nothing for the others. Returns the records it dropped.
+// Only once no writer can reach the destination any more (see async_sink::drain()).
 std::size_t drain_destination(spdlog::sinks::sink& destination);
 
 // The sentence that error texts end with: which destinations exist, with an example file that

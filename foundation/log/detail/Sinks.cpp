@@ -64,10 +64,16 @@ class async_sink::backend final : public spdlog::sinks::sink {
       : target_(std::move(target)), pool_(&pool) {}
 
   void log(const spdlog::details::log_msg& msg) override {
-    // A record has just left the queue, so there is room again: the moment to report drops.
-    report_drops(pool_->overrun_counter());
     target_->log(msg);
-    if (pool_->queue_size() == 0) {
+    // One look at the queue per record, as it costs the writers a turn at its lock. Records are
+    // dropped only while the queue is full, and since the last look this thread has taken out one
+    // record and no other, so drops since then leave the queue at least nearly full now; only then
+    // is the drop count read, and this record having left, the queue has room for the report.
+    const std::size_t waiting = pool_->queue_size();
+    if (waiting + 1 >= queue_capacity) {
+      report_drops(pool_->overrun_counter());
+    }
+    if (waiting == 0) {
       target_->flush();
     }
   }
@@ -121,7 +127,7 @@ void async_sink::log(const spdlog::details::log_msg& msg) {
     target_->flush();
     return;
   }
-  std::lock_guard<std::mutex> lock(mutex_);
+  // No lock: drain() runs only once no writer can reach this sink any more.
   if (!pool_) {
     target_->log(msg);
     return;

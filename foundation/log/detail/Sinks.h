@@ -75,21 +75,22 @@ class async_sink final : public spdlog::sinks::sink {
   void set_formatter(std::unique_ptr<spdlog::formatter> formatter) override;
 
   // Writes every queued record to the target, reports drops not yet reported, joins the thread
-  // and flushes the target. Later records are written to the target on the caller's thread.
-  // Writers wait while it runs, so nothing written after it overtakes a queued record.
+  // and flushes the target; later records go to the target on the writer's thread. Call it only
+  // once no writer can reach this sink any more (log() takes no lock, for speed), e.g. after the
+  // router has moved to another sink; the destructor calls it.
   void drain();
 
   std::size_t dropped();  // records dropped so far
   std::size_t queued();   // records waiting now
 
-  spdlog::sinks::sink& target() { return *target_; }
+  const std::shared_ptr<spdlog::sinks::sink>& target() const { return target_; }
 
  private:
   class backend;
 
   const std::shared_ptr<spdlog::sinks::sink> target_;
-  std::mutex mutex_;                                    // taken by every queued write and by drain()
-  std::shared_ptr<spdlog::details::thread_pool> pool_;  // guarded by mutex_; null once drained
+  std::mutex mutex_;  // serialises drain() with the counts; writers do not take it
+  std::shared_ptr<spdlog::details::thread_pool> pool_;  // written by drain() under mutex_; null once drained
   std::shared_ptr<backend> backend_;                    // written to by the pool's thread only
   std::shared_ptr<spdlog::async_logger> worker_;        // hands the queued records to backend_
   std::size_t droppedWhenDrained_ = 0;                  // guarded by mutex_
