@@ -50,6 +50,7 @@ for name in "${fuzzers[@]}"; do
   # The command fuzzer's inputs hold up to 300 arguments; the others need far less.
   case "$name" in
     command_fuzzer) max_len=16384 ;;
+    admin_protocol_fuzzer) max_len=4096 ;;
     *) max_len=1024 ;;
   esac
   log="$work/log.txt"
