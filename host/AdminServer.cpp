@@ -282,6 +282,13 @@ class Session : public std::enable_shared_from_this<Session> {
         asio::buffer(buffer_),
         [self = shared_from_this()](const boost::system::error_code& error, std::size_t n) {
           self->reading_ = false;
+          if (error == asio::error::eof) {
+            // The client has sent its last request (a half-close, as `printf ... | nc -U` does);
+            // what it sent is still answered.
+            self->inputEnded_ = true;
+            self->pump();
+            return;
+          }
           if (error) {
             self->peerGone_ = true;
             if (!self->running_) {
@@ -304,6 +311,11 @@ class Session : public std::enable_shared_from_this<Session> {
         line = reader_.next();
       } catch (const std::length_error& tooLong) {
         closeWith(tooLong.what());
+        return;
+      }
+      if (!line && inputEnded_) {
+        closeAfterWrite_ = true;  // a request cut short by the end of input is dropped
+        flush();
         return;
       }
       if (!line) {
@@ -408,7 +420,7 @@ class Session : public std::enable_shared_from_this<Session> {
   void watchIdle(std::chrono::steady_clock::duration wait) {
     idleTimer_.expires_after(wait);
     idleTimer_.async_wait([self = shared_from_this()](const boost::system::error_code& error) {
-      if (error || self->closing_ || self->closeAfterWrite_) {
+      if (error || self->closing_) {
         return;
       }
       const auto idle = self->server_.options.idleTimeout;
@@ -417,7 +429,12 @@ class Session : public std::enable_shared_from_this<Session> {
         self->watchIdle(self->running_ ? idle : idle - since);
         return;
       }
+      if (self->closeAfterWrite_) {
+        self->close();  // its last answer has not moved for the idle time: the peer does not read
+        return;
+      }
       self->closeWith("the connection was idle for " + idleText(idle) + "; connect again to go on");
+      self->watchIdle(idle);
     });
   }
 
@@ -435,6 +452,7 @@ class Session : public std::enable_shared_from_this<Session> {
   bool writing_ = false;
   bool running_ = false;          // a command of this connection is on the pool
   bool peerGone_ = false;         // the peer closed or the socket failed
+  bool inputEnded_ = false;       // the peer has shut down its sending side
   bool draining_ = false;         // the server is shutting down
   bool closeAfterWrite_ = false;  // a "closed" answer is on its way; nothing more is read
   bool closing_ = false;          // the socket is closed

@@ -96,10 +96,12 @@ bool runLine(AdminClient& client, const std::string& line, bool& quit) {
   return true;
 }
 
-int interactive(AdminClient& client) {
+int interactive(AdminClient& first, const std::string& socketPath) {
+  AdminClient* client = &first;
+  std::unique_ptr<AdminClient> again;  // the connection made after the server closed one
   // The first word of every line of the server's help is a command name.
   remoteNames = {"quit"};
-  Response help = client.call({"help"});
+  Response help = client->call({"help"});
   for (std::size_t from = 0; help.status == Status::ok && from < help.text.size();) {
     const std::size_t end = help.text.find('\n', from);
     const std::string line = help.text.substr(from, end - from);
@@ -119,7 +121,14 @@ int interactive(AdminClient& client) {
     }
     const std::string text(line);
     std::free(line);
-    runLine(client, text, quit);
+    try {
+      runLine(*client, text, quit);
+    } catch (const Unreachable& error) {
+      // An idle connection is closed by the server; a person at the prompt just goes on.
+      std::cerr << kProgram << error.what() << "; connecting again" << std::endl;
+      again = std::make_unique<AdminClient>(socketPath);
+      client = again.get();
+    }
   }
   return 0;
 }
@@ -196,7 +205,7 @@ int runClient(const ClientOptions& options) {
       return batch(client, options);
     }
     if (isatty(STDIN_FILENO)) {
-      return interactive(client);
+      return interactive(client, options.socketPath);
     }
     ClientOptions piped = options;
     piped.script = "/dev/stdin";

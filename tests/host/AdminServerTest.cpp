@@ -129,7 +129,8 @@ struct Fixture {
     administration::Command block;
     block.name = "test.block";
     block.description = "Waits until the test releases it.";
-    block.handler = [this](std::vector<std::string>&&) {
+    // Holds its own copy of `released`: a command that outlives a stop may outlive the fixture.
+    block.handler = [this, released = released](std::vector<std::string>&&) {
       entered.set_value();
       released.wait();
       return std::string("released");

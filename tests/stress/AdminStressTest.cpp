@@ -13,10 +13,12 @@
 #include <thread>
 #include <vector>
 
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-#include <sanitizer/allocator_interface.h>
-#else
 #include <malloc.h>
+
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+// The sanitizer runtimes' allocator statistics (declared by clang's sanitizer/allocator_interface.h,
+// which g++ does not ship).
+extern "C" std::size_t __sanitizer_get_current_allocated_bytes();
 #endif
 
 #include "foundation/log/Log.h"
