@@ -140,14 +140,16 @@ struct Fixture {
 };
 
 // Pipelined requests are answered one each, in order, with every text exact: empty, several
-// lines, a text that looks like a header, a failure, and requests that cannot run.
+// lines, a text that looks like a header, a failure, and requests that cannot run; a client that
+// half-closes after sending still gets every answer, and a request cut short by its end is dropped.
 TEST(AdminServer, AnswersPipelinedRequestsInOrderAndExactly) {
   Fixture f;
   AdminServer server(f.registry, f.path);
   AdminPeer peer(f.path);
   peer.send(
       "test.text\ntest.text a~b~\ntest.text \"ok 3~abc~\"\n \nbogus 1\ntest.text \"open\n"
-      "test.text ~\r\n");
+      "test.text ~\r\ntest.text cut-sh");
+  peer.finishSending();
   const std::vector<Response> expected{
       ok(""),
       ok("a\nb\n"),
@@ -159,6 +161,7 @@ TEST(AdminServer, AnswersPipelinedRequestsInOrderAndExactly) {
   for (const Response& want : expected) {
     EXPECT_EQ(describe(peer.next()), describe(want));
   }
+  EXPECT_EQ(describe(peer.next()), "<end of stream>");
 }
 
 // A command that has not returned holds up only its own connection.

@@ -53,6 +53,9 @@ class AdminPeer {
     return true;
   }
 
+  // Tells the server that no more requests follow (a half-close); answers can still be read.
+  void finishSending() { ::shutdown(fd_, SHUT_WR); }
+
   // The next answer, or nothing once the server has closed the connection.
   std::optional<host::admin::Response> next() {
     for (;;) {
