@@ -201,8 +201,8 @@ struct ServerState {
   const uid_t uid = ::geteuid();
   ino_t inode = 0;  // of the socket file this server made; only that one is removed
 
-  // The I/O thread's own state: touched only from it, or once it has been joined. Declared
-  // before the context, whose destructor may destroy the last sessions.
+  // The I/O thread's own state: touched only from it, or once it has been joined. The context
+  // runs until no handler is pending, so no session outlives the I/O thread.
   std::unordered_set<Session*> sessions;
   std::size_t counted = 0;  // sessions that take one of maxConnections
   bool shuttingDown = false;
