@@ -63,19 +63,40 @@ build="$scratch/build/dev"
 
 buildTree() { cmake --build "$build" -j"$jobs" >"$scratch/build.log" 2>&1; }
 
-# Runs the fast tests; prints the first failing test's name, or nothing if all pass.
+# Runs the fast tests matching the ctest regex $1 (all of them if empty); prints the first
+# failing test's name, or nothing if all pass.
 firstFailure() {
   local log="$scratch/ctest.log"
-  ctest --test-dir "$build" -LE 'stress|install' --stop-on-failure --timeout "$timeout" -j"$jobs" \
-    >"$log" 2>&1 || true
+  ctest --test-dir "$build" ${1:+-R "$1"} -LE 'stress|install' --stop-on-failure --timeout "$timeout" \
+    -j"$jobs" >"$log" 2>&1 || true
   sed -n '/The following tests FAILED:/{n;p;q}' "$log" | sed -E 's/^[[:space:]]*[0-9]+ - //'
+}
+
+# Every test as "NAME<TAB>EXECUTABLE", from ctest's own listing.
+listTests() {
+  ctest --test-dir "$build" --show-only=json-v1 | perl -MJSON::PP -e '
+    local $/; for my $t (@{decode_json(<STDIN>)->{tests}}) { print "$t->{name}\t$t->{command}[0]\n" }'
+}
+
+# The tests nearest to a source file: those of the test folder that mirrors its top folder, and
+# the fuzzers' corpus replays. Prints their build targets on the first line and a ctest regex
+# of their names on the second.
+nearTests() {
+  local area=${1%%/*}
+  awk -F'\t' -v tests="$build/tests/$area/" -v fuzz="$build/fuzz/" '
+    index($2, tests) == 1 || index($2, fuzz) == 1 {
+      n = split($2, parts, "/"); targets[parts[n]] = 1
+      name = $1; gsub(/[][.*+?^$(){}|\\]/, "\\\\&", name); regex = regex (regex ? "|" : "") name
+    }
+    END { for (t in targets) line = line " " t; print line; print "^(" regex ")$" }' "$scratch/tests.txt"
 }
 
 if ! buildTree; then
   echo "the unmutated tree does not build; see $scratch/build.log" >&2
   exit 2
 fi
-failure=$(firstFailure)
+listTests >"$scratch/tests.txt"
+failure=$(firstFailure "")
 if [ -n "$failure" ]; then
   echo "the unmutated tree fails $failure; fix that first (log: $scratch/ctest.log)" >&2
   exit 2
@@ -119,11 +140,17 @@ for i in "${!names[@]}"; do
     exit 2
   else
     t0=$(date +%s)
-    if ! buildTree; then
+    # The nearest tests first, building only what they need; everything else only if they pass.
+    { read -r targets; read -r regex; } < <(nearTests "$file")
+    failure=""
+    if [ -n "$targets" ] && cmake --build "$build" -j"$jobs" --target $targets >"$scratch/build.log" 2>&1; then
+      failure=$(firstFailure "$regex")
+    fi
+    if [ -z "$failure" ] && ! buildTree; then
       echo "$name: does not build (see the catalogue entry)"
       unbuilt=$((unbuilt + 1))
     else
-      failure=$(firstFailure)
+      [ -n "$failure" ] || failure=$(firstFailure "")
       if [ -n "$failure" ]; then
         echo "$name: killed by $failure ($(($(date +%s) - t0)) s)"
         killed=$((killed + 1))
