@@ -62,8 +62,10 @@ struct Session {
   // A message of type 0 (none), 1 or 2 on a stream of random format, answered with itself (0),
   // rejected (1), cancelled (2) or in an unknown status (3).
   void deliver(int type, int answer) {
-    const test_support::Answer answers[] = {test_support::echoing(), test_support::rejecting(refused_),
-                                            test_support::cancelled(), test_support::unknownStatus()};
+    using connector::detail::Status;
+    const test_support::Answer answers[] = {
+        test_support::echoing(), test_support::settled(Status::Rejected, refused_),
+        test_support::settled(Status::Cancelled), test_support::settled(static_cast<Status>(7))};
     auto context = std::make_shared<test_support::FakeContext>(answers[answer]);
     test_support::MessagePtr message;
     message.reset(type == 0   ? nullptr

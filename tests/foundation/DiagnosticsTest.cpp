@@ -35,16 +35,15 @@ using F = std::ios_base;
 using ::testing::HasSubstr;
 using ::testing::ThrowsMessage;
 
+// Runtime names become the names written in code; anything else comes back as it was, unless
+// strict, which names the refused text. A null name is refused either way.
 TEST(Demangle, RuntimeNamesBecomeTheNamesWrittenInCodeAndOthersComeBackUnlessStrict) {
-  EXPECT_EQ(demangle_typeid_name("N1a4PingE", false), "a::Ping");
   EXPECT_EQ(demangle_typeid_name(typeid(std::pair<a::Ping, unsigned>).name(), true),
             "std::pair<a::Ping, unsigned int>");
   EXPECT_EQ(demangle_typeid_name("not a type!", false), "not a type!");
-  EXPECT_EQ(demangle_typeid_name("", false), "");
   EXPECT_THAT([] { demangle_typeid_name("not a type!", true); },
               ThrowsMessage<std::invalid_argument>(HasSubstr("\"not a type!\"")));
   EXPECT_THROW(demangle_typeid_name(nullptr, false), std::invalid_argument);
-  EXPECT_THROW(demangle_typeid_name(nullptr, true), std::invalid_argument);
 }
 
 template <std::size_t... N>
@@ -116,16 +115,13 @@ TEST(StreamNumberFormat, WritesWhatTheStreamWritesOrRefusesTheFormat) {
   const std::locale comma(std::locale::classic(), new CommaDecimalPoint);
   const std::vector<Format> reproduced = {{F::skipws | F::dec, 6},
                                           {F::dec, 0},
-
                                           {F::dec, 17},
                                           {F::dec, 50},
                                           {F::dec, -3},
                                           {F::fixed, 2},
-
                                           {F::uppercase | F::showpos, 6},
                                           {F::uppercase | F::scientific, 6},
                                           {F::uppercase | F::fixed, 6},
-
                                           {F::fixed | F::showpos, 6, comma}};
   const std::vector<Format> refused = {
       {F::showpoint, 6},

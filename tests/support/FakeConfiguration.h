@@ -1,20 +1,19 @@
 // A recording configuration store, for tests of the code that writes and follows configuration
 // keys.
 //
-// FakeConfiguration records every set() and observe() in order of arrival. Each subscriber of a
-// key is sent onSubscribe at once with a FakeSubscription whose cancel() is recorded, so a test
-// sees which keys were cancelled and in which order. send() pushes any ConfigValue to the
-// subscribers of a key on the calling thread; an exception of a subscriber's onNext reaches the
-// caller of send().
+// Records every set() and observe() as "set KEY LABEL" or "observe KEY", in order of arrival, and
+// the cancel() of each subscription by its key. A subscriber is sent onSubscribe at once. send()
+// pushes any ConfigValue to the subscribers of a key on the calling thread; an exception of a
+// subscriber's onNext reaches the caller of send(). `failAt` ("set KEY", "observe KEY" or
+// "subscribe KEY") makes that call throw std::runtime_error.
 //
-// Threads: every member may be called from any thread, concurrently. failObserveOf is set before
-// the fake is shared.
+// Threads: every member may be called from any thread, concurrently; failAt is set before the
+// fake is shared.
 #pragma once
 
 #include <map>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -31,42 +30,33 @@ class FakeConfiguration : public configuration::Configuration {
   using ConfigValue = configuration::ConfigValue;
   using Publisher = FakePublisher<ConfigValue>;
 
-  struct Call {
-    std::string operation;  // "set" or "observe"
-    std::string key;
-    std::optional<ConfigValue> value;  // set() only
-    std::string label;                 // set() only
-  };
-
-  // observe() of this key throws std::runtime_error("observe failed").
-  std::optional<std::string> failObserveOf;
+  std::string failAt;
 
   using configuration::Configuration::set;
   Future<bool> set(const std::string& key, ConfigValue value, const std::string& label) override {
+    record("set " + key, " " + label);
     std::lock_guard<std::mutex> lock(mutex_);
-    calls_.push_back(Call{"set", key, std::move(value), label});
+    values_.insert_or_assign(key, std::move(value));
     return makeResolvedFuture(true);
   }
 
   std::shared_ptr<reactive_streams::Publisher<ConfigValue>> observe(const std::string& key) override {
-    std::lock_guard<std::mutex> lock(mutex_);
-    calls_.push_back(Call{"observe", key, std::nullopt, {}});
-    if (failObserveOf == key) {
-      throw std::runtime_error("observe failed");
-    }
+    record("observe " + key, "");
     auto publisher = std::make_shared<Publisher>();
+    if (failAt == "subscribe " + key) {
+      publisher->subscribeFailure = std::make_exception_ptr(std::runtime_error(failAt));
+    }
     publisher->onSubscribed = [this, key](const Publisher::SubscriberPtr& subscriber) {
       auto subscription = std::make_shared<FakeSubscription>();
       subscription->onCancel = [this, key] {
         std::lock_guard<std::mutex> lock(mutex_);
         cancelled_.push_back(key);
       };
-      {
-        std::lock_guard<std::mutex> lock(mutex_);
-        subscriptions_.push_back(subscription);  // the subscriber holds it only weakly
-      }
       subscriber->onSubscribe(subscription);
+      std::lock_guard<std::mutex> lock(mutex_);
+      subscriptions_.push_back(subscription);  // the subscriber holds it only weakly
     };
+    std::lock_guard<std::mutex> lock(mutex_);
     publishers_[key].push_back(publisher);
     return publisher;
   }
@@ -83,11 +73,15 @@ class FakeConfiguration : public configuration::Configuration {
     }
   }
 
-  std::vector<Call> calls() const {
+  std::vector<std::string> calls() const {
     std::lock_guard<std::mutex> lock(mutex_);
     return calls_;
   }
-
+  // The value last set for `key`; std::out_of_range if none was.
+  ConfigValue value(const std::string& key) const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return values_.at(key);
+  }
   // The keys whose subscription was cancelled, once per cancel(), in order.
   std::vector<std::string> cancelledKeys() const {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -95,8 +89,19 @@ class FakeConfiguration : public configuration::Configuration {
   }
 
  private:
+  void record(const std::string& call, const std::string& detail) {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      calls_.push_back(call + detail);
+    }
+    if (call == failAt) {
+      throw std::runtime_error(failAt);
+    }
+  }
+
   mutable std::mutex mutex_;
-  std::vector<Call> calls_;                                                    // guarded by mutex_
+  std::vector<std::string> calls_;                                             // guarded by mutex_
+  std::map<std::string, ConfigValue> values_;                                  // guarded by mutex_
   std::map<std::string, std::vector<std::shared_ptr<Publisher>>> publishers_;  // guarded by mutex_
   std::vector<std::shared_ptr<FakeSubscription>> subscriptions_;               // guarded by mutex_
   std::vector<std::string> cancelled_;                                         // guarded by mutex_

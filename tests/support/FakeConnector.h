@@ -14,12 +14,10 @@ namespace test_support {
 class FakeConnector : public Connector {
  public:
   explicit FakeConnector(std::set<std::string> names = {}) : names_(std::move(names)) {}
-
   void setNames(std::set<std::string> names) {
     std::lock_guard<std::mutex> lock(mutex_);
     names_ = std::move(names);
   }
-
   std::set<std::string> getServiceProviderNames() override {
     std::lock_guard<std::mutex> lock(mutex_);
     return names_;

@@ -1,16 +1,14 @@
 // Recording fakes of the reactive-streams interfaces, for tests of subscribers and of the code
 // that subscribes.
 //
-// FakeSubscription records every request(n) and cancel() it receives; FakePublisher<T> records
-// the subscribers handed to subscribe() and lets a test drive them (onSubscribe, onNext,
-// onComplete, onError) from any thread. Both are thread-safe: any thread may call them and
-// read what they recorded while others do. Their hooks are set before the fake is shared and
-// run on the calling thread with no lock of the fake held, so a hook may call back into the
-// subscriber (for example complete it from inside cancel()).
+// FakeSubscription records every request(n) and cancel() it receives; FakePublisher<T> keeps the
+// subscribers handed to subscribe() and sends them values from any thread. Both are thread-safe.
+// Their hooks are set before the fake is shared and run on the calling thread with no lock of the
+// fake held, so a hook may call back into the subscriber (for example complete it from inside
+// cancel()).
 #pragma once
 
 #include <atomic>
-#include <cstddef>
 #include <cstdint>
 #include <exception>
 #include <functional>
@@ -64,9 +62,9 @@ class FakePublisher : public reactive_streams::Publisher<T> {
  public:
   using SubscriberPtr = std::shared_ptr<reactive_streams::SubscriberAPI<T>>;
 
-  // When set, subscribe() throws it instead of recording the subscriber.
+  // When set, subscribe() throws it instead of keeping the subscriber.
   std::exception_ptr subscribeFailure;
-  // Run inside subscribe(), after the subscriber has been recorded; a publisher that signals
+  // Run inside subscribe(), after the subscriber has been kept; a publisher that signals
   // onSubscribe synchronously does it here.
   std::function<void(const SubscriberPtr&)> onSubscribed;
 
@@ -74,50 +72,30 @@ class FakePublisher : public reactive_streams::Publisher<T> {
     if (subscribeFailure) {
       std::rethrow_exception(subscribeFailure);
     }
-    std::unique_lock<std::mutex> lock(mutex_);
-    subscribers_.push_back(subscriber);
-    lock.unlock();
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      subscribers_.push_back(subscriber);
+    }
     if (onSubscribed) {
       onSubscribed(subscriber);
     }
   }
 
-  std::size_t subscriberCount() const { return snapshot().size(); }
-  // The index-th subscriber handed to subscribe(); throws std::out_of_range if there is none.
-  SubscriberPtr subscriber(std::size_t index = 0) const { return snapshot().at(index); }
-  // Drops the publisher's hold on every subscriber, as a publisher does once a stream has ended.
-  void releaseSubscribers() {
-    std::vector<SubscriberPtr> released;
-    std::lock_guard<std::mutex> lock(mutex_);
-    released.swap(subscribers_);
-  }
-
-  // Signals onSubscribe to the first subscriber with a fresh FakeSubscription and returns that
-  // subscription (the publisher's only strong reference to it is the one returned).
-  std::shared_ptr<FakeSubscription> sendSubscribe() {
-    auto subscription = std::make_shared<FakeSubscription>();
-    subscriber()->onSubscribe(subscription);
-    return subscription;
-  }
-  void sendNext(T value) { subscriber()->onNext(std::move(value)); }
-  void sendComplete() { subscriber()->onComplete(); }
-  void sendError(std::exception_ptr error) { subscriber()->onError(std::move(error)); }
-
-  // Sends a copy of `value` to every subscriber recorded now, in order of subscription.
+  // Sends a copy of `value` to every subscriber kept now, in order of subscription.
   void publish(const T& value) {
-    for (const SubscriberPtr& each : snapshot()) {
+    std::vector<SubscriberPtr> targets;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      targets = subscribers_;
+    }
+    for (const SubscriberPtr& each : targets) {
       T copy(value);
       each->onNext(std::move(copy));
     }
   }
 
  private:
-  std::vector<SubscriberPtr> snapshot() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return subscribers_;
-  }
-
-  mutable std::mutex mutex_;
+  std::mutex mutex_;
   std::vector<SubscriberPtr> subscribers_;  // guarded by mutex_
 };
 
