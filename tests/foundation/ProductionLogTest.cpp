@@ -253,7 +253,8 @@ TEST_F(ProductionLog, ARefusedTextDurationOrReopenChangesNothing) {
       {"test:prodlog.undefined", "no test destination \"prodlog.undefined\""},
   };
   flog::confine_file_destinations(dir.path().string());
-  for (const auto& [text, fragment] : destinations) {
+  for (const auto& [destination, fragment] : destinations) {
+    const std::string& text = destination;  // a lambda may not capture a structured binding
     EXPECT_THAT(refusal([&] { flog::set_destination(text); }), HasSubstr(fragment)) << text;
   }
   for (const long seconds : {0L, -1L, 86401L}) {
