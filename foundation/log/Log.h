@@ -26,7 +26,7 @@
 //   "async:DEST"  DEST (any of the above) behind a queue of 8,192 records that one background
 //                 thread writes out, flushing whenever the queue is empty. Writing a record never
 //                 waits for DEST: when the queue is full the oldest queued record is dropped and
-//                 counted, and once the thread has taken a record out (so there is room again)
+//                 counted, and once the queue has room again (the overflow is over)
 //                 it writes one warn record (channel "foundation.log") saying how many were
 //                 dropped since the last such record. Records of the audit channel bypass the queue: they are
 //                 written to DEST on the caller's thread, so they are never dropped (and may precede records

@@ -65,12 +65,16 @@ class async_sink::backend final : public spdlog::sinks::sink {
 
   void log(const spdlog::details::log_msg& msg) override {
     target_->log(msg);
-    // One look at the queue per record, as it costs the writers a turn at its lock. Records are
-    // dropped only while the queue is full, and since the last look this thread has taken out one
-    // record and no other, so drops since then leave the queue at least nearly full now; only then
-    // is the drop count read, and this record having left, the queue has room for the report.
+    // One look at the queue per record, as each look costs the writers a turn at its lock.
+    // Records are dropped only while the queue is full, and between two looks this thread takes
+    // out one record, so drops since the last look leave the queue at least nearly full at this
+    // one. The drop count is read only when the queue has room again after such a look: one
+    // report per overflow, however long it lasts.
     const std::size_t waiting = pool_->queue_size();
     if (waiting + 1 >= queue_capacity) {
+      overflowing_ = true;
+    } else if (overflowing_) {
+      overflowing_ = false;
       report_drops(pool_->overrun_counter());
     }
     if (waiting == 0) {
@@ -103,6 +107,7 @@ class async_sink::backend final : public spdlog::sinks::sink {
   // or strongly would make it own itself through its queued records.
   spdlog::details::thread_pool* pool_;
   std::size_t reported_ = 0;  // drops already reported
+  bool overflowing_ = false;  // the last look found the queue (nearly) full
 };
 
 async_sink::async_sink(std::shared_ptr<spdlog::sinks::sink> target)

@@ -54,8 +54,8 @@ class reopenable_file_sink final : public spdlog::sinks::sink {
 
 // "async:DEST": records go into a queue of `queue_capacity` records that one background thread
 // (an spdlog thread pool) drains into `target`. Writing never waits for the target: when the
-// queue is full, the oldest queued record is dropped and counted, and once the thread has taken a
-// record out (so there is room again) it writes one warn record saying how many were dropped
+// queue is full, the oldest queued record is dropped and counted, and once the queue has room
+// again (the overflow is over) it writes one warn record saying how many were dropped
 // since the last such record. Records of the audit channel bypass the queue and are written to the target on
 // the caller's thread, so an overflow never drops them (they may then precede records still queued). The
 // thread flushes the target whenever it has emptied the queue.
