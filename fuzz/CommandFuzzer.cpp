@@ -81,9 +81,16 @@ void runOne(fuzz::Input& input) {
     const std::string want = command == 4 ? listed : command == 5 ? kNames : before[command / 2];
     fuzz::expect(name, want, answer);
   }
-  // A file the log accepted lies inside the confinement, by its name and after links are followed.
-  if (command == 1 && answer.empty() && first.rfind("file:", 0) == 0) {
-    const std::filesystem::path file = std::filesystem::path(directory) / first.substr(5);
+  // A file the log accepted lies inside the confinement, by its name and after links are followed,
+  // whether plain or rotating, and behind a queue or not.
+  std::string target = first.rfind("async:", 0) == 0 ? first.substr(6) : first;
+  if (target.rfind("rotating:", 0) == 0) {
+    const auto sizeEnd = target.find(':', 9);
+    const auto countEnd = sizeEnd == std::string::npos ? sizeEnd : target.find(':', sizeEnd + 1);
+    target = countEnd == std::string::npos ? std::string() : "file:" + target.substr(countEnd + 1);
+  }
+  if (command == 1 && answer.empty() && target.rfind("file:", 0) == 0) {
+    const std::filesystem::path file = std::filesystem::path(directory) / target.substr(5);
     char resolved[PATH_MAX];
     MODEL_CHECK(file.lexically_normal().string().rfind(directory, 0) == 0 &&
                     (!::realpath(file.c_str(), resolved) || std::string(resolved).rfind(directory, 0) == 0),

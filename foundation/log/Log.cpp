@@ -270,8 +270,10 @@ class ProcessLog {
     router_->set_sinks({destination_sink_});
   }
 
-  // Lock order: mutex_, then the router's own mutex (taken by set_sinks()). Writers take only the
-  // router's mutex, and level changes are atomic stores, so logging never waits on mutex_.
+  // Lock order: mutex_, then the router's own mutex (taken by set_sinks()), then the destination's
+  // own (taken by a reopen). Writers take only the router's mutex and the destination's, and level
+  // changes are atomic stores, so logging never waits on mutex_. An "async:" queue is written out
+  // with no lock of ours held.
   std::mutex mutex_;
   const std::shared_ptr<Router> router_;                         // every channel's only sink
   std::string destination_;                                      // guarded by mutex_
