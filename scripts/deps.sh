@@ -3,6 +3,7 @@
 # Usage: scripts/deps.sh [build|test]   (test adds what the sanitizer, fuzz and terminal tests use)
 set -euo pipefail
 packages=(g++ cmake ninja-build pkg-config libboost-dev libboost-thread-dev libspdlog-dev libfmt-dev
+  nlohmann-json3-dev
   libgtest-dev libgmock-dev libbenchmark-dev libreadline-dev)
 if [ "${1:-build}" = test ]; then
   packages+=(clang libclang-rt-14-dev tmux)

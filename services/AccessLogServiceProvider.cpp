@@ -221,20 +221,23 @@ struct AccessLogServiceProvider::Core {
   // Called once per numbered request, when it has completed.
   void finish(std::uint64_t number, const std::type_info& type, tick_clock::time_point start,
               const Outcome& outcome) noexcept {
-    const tick_clock::duration elapsed = std::max(tick_clock::now() - start, tick_clock::duration::zero());
     try {
       if (!enabled.load(std::memory_order_relaxed)) {
         return;
       }
+      // An ok request that no latency threshold watches and no sample takes needs no second
+      // clock reading: that is most requests of an errors-only log.
+      const int slowUs = slowerThanUs.load(std::memory_order_relaxed);
+      const bool sampled =
+          !errorsOnly.load(std::memory_order_relaxed) &&
+          number % static_cast<std::uint64_t>(sampleEvery.load(std::memory_order_relaxed)) == 0;
+      if (outcome.ok() && slowUs == 0 && !sampled) {
+        return;
+      }
+      const tick_clock::duration elapsed = std::max(tick_clock::now() - start, tick_clock::duration::zero());
       const std::int64_t elapsedUs = std::chrono::duration_cast<std::chrono::microseconds>(elapsed).count();
-      if (outcome.ok()) {
-        const int slowUs = slowerThanUs.load(std::memory_order_relaxed);
-        const bool slow = slowUs > 0 && elapsedUs >= slowUs;
-        if (!slow &&
-            (errorsOnly.load(std::memory_order_relaxed) ||
-             number % static_cast<std::uint64_t>(sampleEvery.load(std::memory_order_relaxed)) != 0)) {
-          return;
-        }
+      if (outcome.ok() && !sampled && !(slowUs > 0 && elapsedUs >= slowUs)) {
+        return;
       }
       const std::shared_ptr<const Output> out = currentOutput();
       const std::string_view name = detail::messageTypeName(type);
@@ -403,24 +406,31 @@ Future<MessagePtr> AccessLogServiceProvider::deliver(MessagePtr&& message, Addre
     throw std::bad_typeid();
   }
   Core* const core = core_.get();
-  if (!core->enabled.load(std::memory_order_relaxed)) {
-    return context->forward(std::move(message), std::move(address));
-  }
+  // A disabled log numbers nothing and reads no clock.
+  const bool observed = core->enabled.load(std::memory_order_relaxed);
   const Message& object = *message;
   const std::type_info& type = typeid(object);  // the message itself may be gone by completion
-  const std::uint64_t number = core->nextNumber.fetch_add(1, std::memory_order_relaxed);
-  const tick_clock::time_point start = tick_clock::now();
-  Future<MessagePtr> answer(nullptr);
-  try {
-    answer = context->forward(std::move(message), std::move(address));
-  } catch (...) {
-    core->finish(number, type, start, detail::currentFailure());
-    throw;
+  const std::uint64_t number = observed ? core->nextNumber.fetch_add(1, std::memory_order_relaxed) : 0;
+  const tick_clock::time_point start = observed ? tick_clock::now() : tick_clock::time_point();
+  // One named future, returned at the only return below, so that it is built in the caller's
+  // place and an answer that is already Resolved goes back without a single move.
+  Future<MessagePtr> answer = [&] {
+    try {
+      return context->forward(std::move(message), std::move(address));
+    } catch (...) {
+      if (observed) {
+        core->finish(number, type, start, detail::currentFailure());
+      }
+      throw;
+    }
+  }();
+  if (observed) {
+    detail::observeAnswer(
+        answer,
+        [core, number, &type, start](const Outcome& outcome) { core->finish(number, type, start, outcome); },
+        [this] { return core_; });
   }
-  return detail::observeAnswer(
-      std::move(answer),
-      [core, number, &type, start](const Outcome& outcome) { core->finish(number, type, start, outcome); },
-      [this] { return core_; });
+  return answer;
 }
 
 }  // namespace common_services

@@ -406,19 +406,23 @@ Future<MessagePtr> StatisticsServiceProvider::deliver(MessagePtr&& message, Addr
   const tick_clock::time_point start = tick_clock::now();
   const InFlightTable::Ticket ticket =
       state->inFlight.enter(stripe, InFlightTable::Request{number, &type, start.time_since_epoch().count()});
-  Future<MessagePtr> answer(nullptr);
-  try {
-    answer = context->forward(std::move(message), std::move(address));
-  } catch (...) {
-    state->finish(ticket, type, number, start, detail::currentFailure());
-    throw;
-  }
-  return detail::observeAnswer(
-      std::move(answer),
+  // One named future, returned at the only return below, so that it is built in the caller's
+  // place and an answer that is already Resolved goes back without a single move.
+  Future<MessagePtr> answer = [&] {
+    try {
+      return context->forward(std::move(message), std::move(address));
+    } catch (...) {
+      state->finish(ticket, type, number, start, detail::currentFailure());
+      throw;
+    }
+  }();
+  detail::observeAnswer(
+      answer,
       [state, ticket, &type, number, start](const Outcome& outcome) {
         state->finish(ticket, type, number, start, outcome);
       },
       [this] { return state_; });
+  return answer;
 }
 
 }  // namespace common_services

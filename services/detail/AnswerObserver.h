@@ -2,8 +2,8 @@
 // became of a request (an access log, statistics) but must neither hold the caller nor change
 // the answer.
 //
-// observeAnswer() takes the future that Context::forward() returned and gives back the future the
-// caller gets: the very same future when the answer is already Resolved (so the same response
+// observeAnswer() takes the future that Context::forward() returned and turns it into the future
+// the caller gets: the very same future when the answer is already Resolved (so the same response
 // object, at no cost), otherwise a future that settles when the answer settles, with the same
 // response or the same exception. It calls `onSettled` exactly once with the outcome, on the
 // thread that settles the answer (or at once, when it is already settled).
@@ -52,10 +52,13 @@ inline Outcome currentFailure() {
 
 // `onSettled(const Outcome&)` must not throw. `keepAlive()` returns an owner (a shared_ptr) of
 // whatever onSettled uses; it is called only when the answer is still pending, and the owner is
-// held until onSettled has run, so that the sync path costs no reference count.
+// held until onSettled has run, so that the common path costs no reference count.
+//
+// `answer` is replaced by the future the caller gets, in place: a provider that returns that
+// very variable from deliver() hands an already Resolved answer through without moving it,
+// which spares the atomic exchanges of a Future's move and destruction.
 template <typename OnSettled, typename KeepAlive>
-Future<std::unique_ptr<Message>> observeAnswer(Future<std::unique_ptr<Message>>&& answer, OnSettled onSettled,
-                                               KeepAlive keepAlive) {
+void observeAnswer(Future<std::unique_ptr<Message>>& answer, OnSettled onSettled, KeepAlive keepAlive) {
   using MessagePtr = std::unique_ptr<Message>;
   using connector::detail::Status;
   const Status status = answer.isValid() && answer.state
@@ -63,7 +66,7 @@ Future<std::unique_ptr<Message>> observeAnswer(Future<std::unique_ptr<Message>>&
                             : Status::Rejected;
   if (status == Status::Resolved) {
     onSettled(Outcome{});
-    return std::move(answer);
+    return;
   }
   if (status == Status::Pending) {
     Promise<MessagePtr> promise;
@@ -82,22 +85,24 @@ Future<std::unique_ptr<Message>> observeAnswer(Future<std::unique_ptr<Message>>&
             onSettled(Outcome{});
             promise.resolve(std::move(response));
           });
-      return relayed;
+      answer = std::move(relayed);
+      return;
     } catch (...) {
       // then() refused the answer (its value already claimed, say): the promise has gone with the
       // continuation, so the refusal itself becomes the answer, as get() would have reported it.
       onSettled(currentFailure());
-      return makeRejectedFuture<MessagePtr>(std::current_exception());
+      answer = makeRejectedFuture<MessagePtr>(std::current_exception());
+      return;
     }
   }
   // Rejected, Cancelled or not a usable future: get() says what the caller would have been told.
   try {
     MessagePtr response = answer.get();
     onSettled(Outcome{});
-    return makeResolvedFuture(std::move(response));
+    answer = makeResolvedFuture(std::move(response));
   } catch (...) {
     onSettled(currentFailure());
-    return makeRejectedFuture<MessagePtr>(std::current_exception());
+    answer = makeRejectedFuture<MessagePtr>(std::current_exception());
   }
 }
 

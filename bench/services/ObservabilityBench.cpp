@@ -1,0 +1,160 @@
+// The cost of the access log and the statistics provider in front of an echo service, side by
+// side with their references in one run:
+//   AccessLogNotWritten (errorsOnly, answer ok)   against EchoAlone
+//   AccessLogJsonToNull                           against LoggingToNullStream (two lines)
+//   AccessLogJsonToFile                           against LoggingToFile (two lines)
+//   Statistics                                    against EchoAlone
+//   Statistics, 2 threads (different types, then one type) against 1 thread, in items per second
+// Every case sends one message round trip per iteration (deliver, then get) and reuses the message.
+#include <benchmark/benchmark.h>
+
+#include <cstdio>
+#include <fstream>
+#include <memory>
+#include <ostream>
+#include <streambuf>
+#include <string>
+
+#include "bench/BenchMain.h"
+#include "services/AccessLogServiceProvider.h"
+#include "services/EchoServiceProvider.h"
+#include "services/LoggingServiceProvider.h"
+#include "services/StatisticsServiceProvider.h"
+#include "tests/support/FakeConfiguration.h"
+
+namespace {
+
+using connector::Address;
+using connector::Context;
+using connector::Future;
+using connector::Message;
+using connector::ServiceProvider;
+using connector::common_services::AccessLogServiceProvider;
+using connector::common_services::EchoServiceProvider;
+using connector::common_services::LoggingServiceProvider;
+using connector::common_services::StatisticsServiceProvider;
+using connector::test_support::FakeConfiguration;
+using MessagePtr = std::unique_ptr<Message>;
+
+namespace app {
+struct Ping : Message {};
+struct Order : Message {};
+}  // namespace app
+
+// Discards everything, successfully.
+class NullBuffer : public std::streambuf {
+ protected:
+  int_type overflow(int_type c) override { return traits_type::not_eof(c); }
+  std::streamsize xsputn(const char*, std::streamsize n) override { return n; }
+};
+
+// Passes every request on to an echo service, as the framework would.
+class EchoContext : public Context {
+ public:
+  Future<MessagePtr> forward(MessagePtr&& message, Address&& address) override {
+    return echo.deliver(std::move(message), std::move(address), std::move(none));
+  }
+
+ private:
+  EchoServiceProvider echo;
+  std::shared_ptr<Context> none;
+};
+
+std::string logPath(const char* name) {
+  return std::string("/tmp/observability_bench_") + name + ".log";
+}
+
+// Round trips through `provider` in front of echo, with a message of type M.
+template <typename M = app::Ping>
+void roundTrips(benchmark::State& state, ServiceProvider& provider) {
+  std::shared_ptr<Context> context = std::make_shared<EchoContext>();
+  Address address("svc");
+  MessagePtr message = std::make_unique<M>();
+  for (auto _ : state) {
+    Future<MessagePtr> answer = provider.deliver(std::move(message), std::move(address), std::move(context));
+    message = answer.get();
+    benchmark::DoNotOptimize(*message);
+  }
+  state.SetItemsProcessed(state.iterations());
+}
+
+void EchoAlone(benchmark::State& state) {
+  EchoServiceProvider echo;
+  roundTrips(state, echo);
+}
+
+void runAccessLog(benchmark::State& state, bool errorsOnly, const std::string& format,
+                  const std::string& destination) {
+  auto configuration = std::make_shared<FakeConfiguration>();
+  AccessLogServiceProvider provider(configuration, "access");
+  configuration->send("access.destination", destination);
+  configuration->send("access.errorsOnly", errorsOnly);
+  configuration->send("access.format", format);
+  roundTrips(state, provider);
+}
+
+void AccessLogNotWritten(benchmark::State& state) {
+  runAccessLog(state, true, "text", "null");
+}
+
+void AccessLogJsonToNull(benchmark::State& state) {
+  runAccessLog(state, false, "json", "null");
+}
+
+void AccessLogJsonToFile(benchmark::State& state) {
+  runAccessLog(state, false, "json", "file:" + logPath("access"));
+}
+
+void runLogging(benchmark::State& state, std::ostream& stream) {
+  LoggingServiceProvider provider(nullptr, "svc", stream);
+  roundTrips(state, provider);
+}
+
+void LoggingToNullStream(benchmark::State& state) {
+  NullBuffer buffer;
+  std::ostream stream(&buffer);
+  runLogging(state, stream);
+}
+
+void LoggingToFile(benchmark::State& state) {
+  std::ofstream stream(logPath("logging"), std::ios::trunc);
+  runLogging(state, stream);
+}
+
+// One provider shared by every thread of a case; thread 1 sends Orders when `types` is 2.
+StatisticsServiceProvider& statistics() {
+  static StatisticsServiceProvider provider(nullptr, "metrics");
+  return provider;
+}
+
+void Statistics(benchmark::State& state) {
+  roundTrips(state, statistics());
+}
+
+void StatisticsTwoTypes(benchmark::State& state) {
+  if (state.thread_index() == 1) {
+    roundTrips<app::Order>(state, statistics());
+  } else {
+    roundTrips(state, statistics());
+  }
+}
+
+BENCHMARK(EchoAlone);
+BENCHMARK(AccessLogNotWritten);
+BENCHMARK(LoggingToNullStream);
+BENCHMARK(AccessLogJsonToNull);
+BENCHMARK(LoggingToFile);
+BENCHMARK(AccessLogJsonToFile);
+BENCHMARK(Statistics);
+BENCHMARK(Statistics)->Threads(1)->UseRealTime();
+BENCHMARK(StatisticsTwoTypes)->Threads(2)->UseRealTime();
+BENCHMARK(Statistics)->Threads(2)->UseRealTime();
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const int status = connector::bench::runBenchmarks(argc, argv);
+  std::remove(logPath("access").c_str());
+  std::remove(logPath("logging").c_str());
+  return status;
+}
