@@ -48,24 +48,51 @@ constexpr const char* kSlowestDescription =
 
 constexpr std::string_view kOk = "ok";
 
-// Threads are spread over this many stripes of counters; threads that start delivering one after
-// another take different stripes.
-constexpr std::size_t kStripes = 16;
+// Counters are spread over stripes, one per thread, so that no two threads write one cache line
+// and a thread's own counters need no locked instruction: the first kOwnedStripes threads of the
+// process (by foundation's thread index, never reused) each own a stripe that only they write,
+// with a plain load and store; later threads share the last stripe and use atomic
+// read-modify-writes.
+constexpr std::size_t kOwnedStripes = 64;
+constexpr std::size_t kStripes = kOwnedStripes + 1;
+constexpr std::size_t kSharedStripe = kOwnedStripes;
 constexpr std::size_t kSlowestKept = 32;
 constexpr std::size_t kSlowestDefault = 10;
-// Requests in flight that have a slot of their own; more wait in a map under a lock.
-constexpr std::size_t kInFlightSlots = 256;
+// Requests in flight: each owned stripe has a few slots that only its thread claims; the others
+// (and the threads of the shared stripe) claim one of the common slots with a compare-and-swap,
+// and beyond those wait in a map under a lock.
+constexpr std::size_t kOwnedSlots = 8;
+constexpr std::size_t kCommonSlots = 256;
 // Message types found without a lock; more are looked up under one.
 constexpr std::size_t kTypeSlots = 256;
 constexpr std::size_t kTypeProbes = 16;
+
+// The stripe of the calling thread.
+std::size_t currentStripe() {
+  return std::min<std::size_t>(foundation::core::detail::thread_index(), kSharedStripe);
+}
+
+// Adds one and answers the value before: by its only writer with a plain load and store, else
+// atomically.
+std::uint64_t increment(std::atomic<std::uint64_t>& counter, bool owned) {
+  if (owned) {
+    const std::uint64_t value = counter.load(std::memory_order_relaxed);
+    counter.store(value + 1, std::memory_order_relaxed);
+    return value;
+  }
+  return counter.fetch_add(1, std::memory_order_relaxed);
+}
 
 std::uint64_t microseconds(std::int64_t nanoseconds) {
   return static_cast<std::uint64_t>(std::max<std::int64_t>(nanoseconds, 0)) / 1000;
 }
 
-// What is counted for one message type. Each stripe is written by the threads that map to it.
+// What is counted for one message type, per stripe. A reset does not touch the stripes (their
+// owners write them without a lock): it moves the provider's epoch on, a stripe whose epoch is
+// behind counts as empty, and its writer zeroes it before it next counts.
 struct TypeStats {
   struct alignas(64) Stripe {
+    std::atomic<std::uint64_t> epoch{0};  // the reset epoch the counts belong to
     std::array<std::atomic<std::uint64_t>, detail::kLatencyBuckets> buckets{};
     std::atomic<std::uint64_t> failed{0};
     std::atomic<std::int64_t> maxNanoseconds{0};
@@ -76,26 +103,26 @@ struct TypeStats {
   const std::string_view name;  // cached for the process
   std::array<Stripe, kStripes> stripes;
 
-  void record(std::size_t stripe, std::int64_t elapsed, bool failed) {
+  void record(std::size_t stripe, std::uint64_t epoch, std::int64_t elapsed, bool failed) {
     Stripe& s = stripes[stripe];
-    s.buckets[detail::latencyBucket(microseconds(elapsed))].fetch_add(1, std::memory_order_relaxed);
-    if (failed) {
-      s.failed.fetch_add(1, std::memory_order_relaxed);
-    }
-    std::int64_t max = s.maxNanoseconds.load(std::memory_order_relaxed);
-    while (elapsed > max &&
-           !s.maxNanoseconds.compare_exchange_weak(max, elapsed, std::memory_order_relaxed)) {
-    }
-  }
-
-  // Concurrent increments land before or after the zero, never lost half-way.
-  void reset() {
-    for (Stripe& s : stripes) {
+    const bool owned = stripe != kSharedStripe;
+    if (s.epoch.load(std::memory_order_relaxed) != epoch) {
+      // On the shared stripe two threads may both get here; a count of a request completing
+      // while a reset is under way may then be lost, which a reset allows anyway.
       for (auto& bucket : s.buckets) {
         bucket.store(0, std::memory_order_relaxed);
       }
       s.failed.store(0, std::memory_order_relaxed);
       s.maxNanoseconds.store(0, std::memory_order_relaxed);
+      s.epoch.store(epoch, std::memory_order_release);
+    }
+    increment(s.buckets[detail::latencyBucket(microseconds(elapsed))], owned);
+    if (failed) {
+      increment(s.failed, owned);
+    }
+    std::int64_t max = s.maxNanoseconds.load(std::memory_order_relaxed);
+    while (elapsed > max &&
+           !s.maxNanoseconds.compare_exchange_weak(max, elapsed, std::memory_order_relaxed)) {
     }
   }
 };
@@ -176,8 +203,10 @@ class TypeTable {
 
 // The requests in flight. A slot is free while its `number` is 0 and held by the request whose
 // number plus one it holds. The holder claims it by that number, then writes the start and, last,
-// the type; it clears the type before it lets the number go. So a reader that finds a type, and
-// the same number before and after reading, has read the values of one request.
+// the type; it clears the type before it lets the number go (any thread may: the one that
+// completes the request). So a reader that finds a type, and the same number before and after
+// reading, has read the values of one request. An owned stripe's slots are claimed only by its
+// thread, with a plain store; the common slots by compare-and-swap.
 class InFlightTable {
  public:
   struct Request {
@@ -191,15 +220,21 @@ class InFlightTable {
 
   Ticket enter(std::size_t stripe, const Request& request) {
     const std::uint64_t held = request.number + 1;
-    const std::size_t first = stripe * (kInFlightSlots / kStripes);
-    for (std::size_t step = 0; step < kInFlightSlots; ++step) {
-      Slot& slot = slots_[(first + step) % kInFlightSlots];
+    if (stripe != kSharedStripe) {
+      for (std::size_t i = 0; i < kOwnedSlots; ++i) {
+        Slot& slot = owned_[stripe * kOwnedSlots + i];
+        if (slot.number.load(std::memory_order_acquire) == 0) {
+          slot.number.store(held, std::memory_order_release);
+          return publish(slot, request);
+        }
+      }
+    }
+    for (std::size_t step = 0; step < kCommonSlots; ++step) {
+      Slot& slot = common_[(stripe * kOwnedSlots + step) % kCommonSlots];
       std::uint64_t free = 0;
       if (slot.number.load(std::memory_order_relaxed) == 0 &&
           slot.number.compare_exchange_strong(free, held, std::memory_order_acq_rel)) {
-        slot.startNanoseconds.store(request.startNanoseconds, std::memory_order_relaxed);
-        slot.type.store(request.type, std::memory_order_release);
-        return &slot;
+        return publish(slot, request);
       }
     }
     std::lock_guard<std::mutex> lock(mutex_);
@@ -220,17 +255,8 @@ class InFlightTable {
 
   std::vector<Request> list() const {
     std::vector<Request> requests;
-    for (const Slot& slot : slots_) {
-      const std::uint64_t before = slot.number.load(std::memory_order_acquire);
-      if (before == 0) {
-        continue;
-      }
-      const TypeStats* type = slot.type.load(std::memory_order_acquire);
-      const std::int64_t start = slot.startNanoseconds.load(std::memory_order_relaxed);
-      if (type != nullptr && slot.number.load(std::memory_order_acquire) == before) {
-        requests.push_back(Request{before - 1, type, start});
-      }
-    }
+    collect(owned_.data(), owned_.size(), requests);
+    collect(common_.data(), common_.size(), requests);
     std::lock_guard<std::mutex> lock(mutex_);
     for (const auto& entry : overflow_) {
       requests.push_back(entry.second);
@@ -245,11 +271,34 @@ class InFlightTable {
     std::atomic<const TypeStats*> type{nullptr};
   };
 
-  std::array<Slot, kInFlightSlots> slots_{};
+  static Ticket publish(Slot& slot, const Request& request) {
+    slot.startNanoseconds.store(request.startNanoseconds, std::memory_order_relaxed);
+    slot.type.store(request.type, std::memory_order_release);
+    return &slot;
+  }
+
+  static void collect(const Slot* slots, std::size_t count, std::vector<Request>& requests) {
+    for (std::size_t i = 0; i < count; ++i) {
+      const Slot& slot = slots[i];
+      const std::uint64_t before = slot.number.load(std::memory_order_acquire);
+      if (before == 0) {
+        continue;
+      }
+      const TypeStats* type = slot.type.load(std::memory_order_acquire);
+      const std::int64_t start = slot.startNanoseconds.load(std::memory_order_relaxed);
+      if (type != nullptr && slot.number.load(std::memory_order_acquire) == before) {
+        requests.push_back(Request{before - 1, type, start});
+      }
+    }
+  }
+
+  std::array<Slot, kOwnedStripes * kOwnedSlots> owned_{};
+  std::array<Slot, kCommonSlots> common_{};
   mutable std::mutex mutex_;
   std::map<std::uint64_t, Request> overflow_;  // guarded by mutex_
 };
 
+// The next request number of a stripe; written like the counters.
 struct alignas(64) Sequence {
   std::atomic<std::uint64_t> next{0};
 };
@@ -272,12 +321,13 @@ struct StatisticsServiceProvider::State {
   InFlightTable inFlight;
   detail::SlowestRequests slowest{kSlowestKept};
   std::array<Sequence, kStripes> sequences;
+  std::atomic<std::uint64_t> epoch{0};  // moved on by each reset
 
   void finish(InFlightTable::Ticket ticket, TypeStats& type, std::uint64_t number,
               tick_clock::time_point start, const Outcome& outcome) noexcept {
     const std::int64_t elapsed = std::max<std::int64_t>((tick_clock::now() - start).count(), 0);
     inFlight.leave(ticket, number);
-    type.record(foundation::core::detail::thread_index() % kStripes, elapsed, !outcome.ok());
+    type.record(currentStripe(), epoch.load(std::memory_order_acquire), elapsed, !outcome.ok());
     try {
       slowest.offer({number, type.name, elapsed, outcome.ok() ? kOk : outcome.exceptionType});
     } catch (...) {
@@ -293,6 +343,7 @@ struct StatisticsServiceProvider::State {
       ++inFlightByType[request.type];
     }
     std::string text;
+    const std::uint64_t current = epoch.load(std::memory_order_acquire);
     for (const TypeStats* type : types.all()) {
       if (type->name.substr(0, prefix.size()) != prefix) {
         continue;
@@ -301,6 +352,9 @@ struct StatisticsServiceProvider::State {
       std::uint64_t failed = 0;
       std::int64_t max = 0;
       for (const TypeStats::Stripe& stripe : type->stripes) {
+        if (stripe.epoch.load(std::memory_order_acquire) != current) {
+          continue;  // counted before the last reset
+        }
         for (std::size_t i = 0; i < counts.size(); ++i) {
           counts[i] += stripe.buckets[i].load(std::memory_order_relaxed);
         }
@@ -322,9 +376,7 @@ struct StatisticsServiceProvider::State {
   }
 
   void reset() {
-    for (TypeStats* type : types.all()) {
-      type->reset();
-    }
+    epoch.fetch_add(1, std::memory_order_acq_rel);
     slowest.clear();
   }
 
@@ -400,9 +452,9 @@ Future<MessagePtr> StatisticsServiceProvider::deliver(MessagePtr&& message, Addr
   State* const state = state_.get();
   const Message& object = *message;
   TypeStats& type = state->types.find(typeid(object));
-  const std::size_t stripe = foundation::core::detail::thread_index() % kStripes;
+  const std::size_t stripe = currentStripe();
   const std::uint64_t number =
-      state->sequences[stripe].next.fetch_add(1, std::memory_order_relaxed) * kStripes + stripe;
+      increment(state->sequences[stripe].next, stripe != kSharedStripe) * kStripes + stripe;
   const tick_clock::time_point start = tick_clock::now();
   const InFlightTable::Ticket ticket =
       state->inFlight.enter(stripe, InFlightTable::Request{number, &type, start.time_since_epoch().count()});

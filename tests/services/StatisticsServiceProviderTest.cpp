@@ -137,10 +137,13 @@ TEST(StatisticsProvider, CountsRequestsAndFailuresPerTypeUntilReset) {
   EXPECT_EQ(lines(statistics.run("metrics.slowest")), 10);
   EXPECT_EQ(lines(statistics.run("metrics.slowest", {"3"})), 3);
   EXPECT_EQ(lines(statistics.run("metrics.slowest", {"32"})), 14);
-  statistics.provider.reset();
   EXPECT_EQ(statistics.run("metrics.statistics.reset"), "");
   EXPECT_EQ(statistics.run("metrics.statistics"), "");
   EXPECT_EQ(statistics.run("metrics.slowest"), "");
+  statistics.deliver(std::make_unique<shop::Ping>(), test_support::echoing()).get();
+  EXPECT_NE(statistics.run("metrics.statistics").find(" count=1 failed=0 "), std::string::npos);
+  statistics.provider.reset();
+  EXPECT_EQ(lines(statistics.run("metrics.slowest")), 1);
 }
 
 TEST(StatisticsProvider, ListsRequestsInFlightOldestFirstUntilTheyComplete) {
