@@ -33,8 +33,9 @@
 // handlers and with the continuations of pending requests, so either may outlive it. Threads:
 // any number of threads may call deliver() at once, and the handlers may run on any thread while
 // they do. The request path takes no lock (a message type seen for the first time takes one,
-// once) and spreads its counters over cache lines per thread, so threads delivering different
-// types, or even the same type, do not write a common line.
+// once) and keeps its counters on cache lines per thread, so threads delivering different types,
+// or even the same type, do not write a common line; the first 64 threads of the process each
+// own their lines and write them without locked instructions, later threads share one set.
 #pragma once
 
 #include <memory>
