@@ -250,10 +250,10 @@ struct AccessLogServiceProvider::Core {
       if (out->json) {
         fmt::format_to(std::back_inserter(line), "{{\"number\":{},\"type\":", number);
         appendJsonString(line, name);
-        if (outcome.ok()) {
-          append(line, ",\"outcome\":\"ok\"");
-        } else {
-          append(line, ",\"outcome\":\"failed\",\"exception\":");
+        append(line, ",\"outcome\":");
+        appendJsonString(line, outcome.ok() ? kOk : kFailed);
+        if (!outcome.ok()) {
+          append(line, ",\"exception\":");
           appendJsonString(line, outcome.exceptionType);
           append(line, ",\"what\":");
           appendJsonString(line, outcome.what);
