@@ -5,7 +5,6 @@
 
 #include <chrono>
 #include <memory>
-#include <regex>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -15,6 +14,7 @@
 #include "services/AccessLogServiceProvider.h"
 #include "tests/support/FakeConfiguration.h"
 #include "tests/support/FakeContext.h"
+#include "tests/support/HiddenNumbers.h"
 #include "tests/support/TempDirectory.h"
 
 namespace connector {
@@ -115,20 +115,20 @@ TEST(AccessLog, TextLinesCarryNumberTypeOutcomeElapsedAndStart) {
   EXPECT_THROW(log.deliver(std::make_unique<shop::Order>(),
                            test_support::throwing(std::make_exception_ptr(std::logic_error("no route")))),
                std::logic_error);
-  const std::vector<std::string> lines = log.lines();
-  ASSERT_EQ(lines.size(), 3u);
-  EXPECT_NE(lines[2].find("2 connector::(anonymous namespace)::shop::Order std::logic_error \"no route\""),
-            std::string::npos)
-      << lines[2];
-  const std::string start = R"( elapsed_us=\d+ start=\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}Z)";
-  EXPECT_TRUE(std::regex_match(lines[0],
-                               std::regex("0 connector::\\(anonymous namespace\\)::shop::Order ok" + start)))
-      << lines[0];
-  EXPECT_TRUE(std::regex_match(
-      lines[1],
-      std::regex(R"(1 connector::\(anonymous namespace\)::shop::Ping std::runtime_error "refused \\"3\\"")" +
-                 start)))
-      << lines[1];
+  // The numbers in order, then each line with its elapsed time and start hidden.
+  std::vector<std::string> shapes;
+  for (const std::string& line : log.lines()) {
+    const std::size_t start = line.find(" start=");
+    shapes.push_back(line.substr(0, 2) + test_support::hideNumbers(line.substr(2, start - 2)) +
+                     test_support::hideDigits(line.substr(start)));
+  }
+  const std::string times = " elapsed_us=# start=####-##-##T##:##:##.######Z";
+  EXPECT_EQ(
+      shapes,
+      (std::vector<std::string>{
+          "0 connector::(anonymous namespace)::shop::Order ok" + times,
+          "1 connector::(anonymous namespace)::shop::Ping std::runtime_error \"refused \\\"#\\\"\"" + times,
+          "2 connector::(anonymous namespace)::shop::Order std::logic_error \"no route\"" + times}));
 }
 
 // An answer that takes at least 3 us, so that a threshold of 1 us makes it slow.
@@ -260,8 +260,7 @@ TEST(AccessLogJson, EveryLineParsesWhateverTheExceptionSays) {
   EXPECT_EQ(ok["outcome"], "ok");
   EXPECT_NE(ok["type"].get<std::string>().find("Tagged"), std::string::npos);
   EXPECT_TRUE(ok["elapsed_us"].is_number_unsigned());
-  EXPECT_TRUE(std::regex_match(ok["start"].get<std::string>(),
-                               std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}Z)")));
+  EXPECT_EQ(test_support::hideDigits(ok["start"]), "####-##-##T##:##:##.######Z");
   for (std::size_t i = 0; i < texts.size(); ++i) {
     const nlohmann::json failed = nlohmann::json::parse(lines[i + 1]);
     EXPECT_EQ(failed["outcome"], "failed");

@@ -3,8 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstdio>
 #include <memory>
-#include <regex>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -94,12 +94,15 @@ TEST(ObservabilityStress, CountsAddUpWhileSettingsFlip) {
   const int total = kThreads * requests;
   const int failed = kThreads * ((requests + 2) / 3);
   const std::string statistics = administration->run("metrics.statistics");
-  std::smatch counts;
-  ASSERT_TRUE(std::regex_search(statistics, counts, std::regex("count=(\\d+) failed=(\\d+) inflight=(\\d+)")))
-      << statistics;
-  EXPECT_EQ(std::stoi(counts[1]), total);
-  EXPECT_EQ(std::stoi(counts[2]), failed);
-  EXPECT_EQ(std::stoi(counts[3]), 0);
+  int counted = -1, failures = -1, inFlight = -1;
+  const std::size_t at = statistics.find(" count=");
+  ASSERT_NE(at, std::string::npos) << statistics;
+  ASSERT_EQ(
+      std::sscanf(statistics.c_str() + at, " count=%d failed=%d inflight=%d", &counted, &failures, &inFlight),
+      3);
+  EXPECT_EQ(counted, total);
+  EXPECT_EQ(failures, failed);
+  EXPECT_EQ(inFlight, 0);
   EXPECT_EQ(administration->run("metrics.inflight"), "");
   EXPECT_EQ(access.failedWrites(), 0u);
   EXPECT_EQ(CountedMessage::alive(), aliveBefore);
