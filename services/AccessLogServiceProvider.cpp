@@ -64,6 +64,7 @@ constexpr const char* kAcceptsDestination =
 
 // The tokens of the lines.
 constexpr std::string_view kOk = "ok";
+constexpr std::string_view kFailed = "failed";
 
 // A configuration value as refusals show it: the value and its type.
 struct ShownValue : boost::static_visitor<std::string> {
