@@ -345,6 +345,7 @@ class Future {
     (*run)(Future<T>(keep));
     lock.lock();
     s.valueRetrieved = true;
+    lock.unlock();  // before `keep`, perhaps the last owner by now, lets the state and its mutex go
   }
 
   // Cancels a Pending state: it becomes Cancelled, an attached continuation is destroyed
