@@ -10,6 +10,7 @@
 #include <benchmark/benchmark.h>
 
 #include <sys/socket.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <memory>
@@ -28,6 +29,24 @@ namespace {
 
 const std::string kRequest = "bench.echo\n";
 
+// CPU time of every thread of the process: the client's, and the server's or the echo thread's.
+double processCpuNanoseconds() {
+  timespec now{};
+  ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
+  return static_cast<double>(now.tv_sec) * 1e9 + static_cast<double>(now.tv_nsec);
+}
+
+// Reports the CPU time all threads spent per round trip, which other load on the machine moves
+// far less than the elapsed time.
+struct CpuPerRoundTrip {
+  benchmark::State& state;
+  const double start = processCpuNanoseconds();
+  ~CpuPerRoundTrip() {
+    state.counters["process_cpu_ns"] =
+        benchmark::Counter(processCpuNanoseconds() - start, benchmark::Counter::kAvgIterations);
+  }
+};
+
 std::string framedAnswer(std::size_t size) {
   return connector::host::admin::frameResponse({connector::host::admin::Status::ok, std::string(size, 'x')});
 }
@@ -44,6 +63,7 @@ void AdminRoundTrip(benchmark::State& state) {
   registry->registerCommand(echo);
   connector::host::AdminServer server(registry, directory / "s");
   connector::test_support::AdminPeer peer(directory / "s");
+  CpuPerRoundTrip cpu{state};
   for (auto _ : state) {
     peer.send(kRequest);
     auto answer = peer.next();
@@ -81,20 +101,23 @@ void RawPingPong(benchmark::State& state) {
     }
   });
   std::string answer(answerSize, '\0');
-  for (auto _ : state) {
-    if (::write(ends[0], kRequest.data(), kRequest.size()) != static_cast<ssize_t>(kRequest.size())) {
-      state.SkipWithError("write failed");
-      break;
-    }
-    std::size_t got = 0;
-    while (got < answer.size()) {
-      const ssize_t n = ::read(ends[0], &answer[got], answer.size() - got);
-      if (n <= 0) {
+  {
+    CpuPerRoundTrip cpu{state};
+    for (auto _ : state) {
+      if (::write(ends[0], kRequest.data(), kRequest.size()) != static_cast<ssize_t>(kRequest.size())) {
+        state.SkipWithError("write failed");
         break;
       }
-      got += static_cast<std::size_t>(n);
+      std::size_t got = 0;
+      while (got < answer.size()) {
+        const ssize_t n = ::read(ends[0], &answer[got], answer.size() - got);
+        if (n <= 0) {
+          break;
+        }
+        got += static_cast<std::size_t>(n);
+      }
+      benchmark::DoNotOptimize(answer);
     }
-    benchmark::DoNotOptimize(answer);
   }
   ::shutdown(ends[0], SHUT_RDWR);
   echo.join();
