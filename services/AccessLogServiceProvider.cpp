@@ -5,7 +5,6 @@
 #include <chrono>
 #include <exception>
 #include <functional>
-#include <iterator>
 #include <mutex>
 #include <sstream>
 #include <stdexcept>
@@ -14,7 +13,7 @@
 #include <utility>
 
 #include <spdlog/details/log_msg.h>
-#include <spdlog/fmt/fmt.h>
+#include <spdlog/fmt/fmt.h>  // fmt::memory_buffer and fmt::format_int
 #include <spdlog/sinks/sink.h>
 #include <boost/variant/apply_visitor.hpp>
 #include <boost/variant/get.hpp>
@@ -146,6 +145,22 @@ void appendJsonString(Line& line, std::string_view text) {
          nlohmann::json(std::string(text)).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
 }
 
+// Lines are built with plain appends: a format string parsed for every line cost more than the
+// rest of the line together.
+void appendNumber(Line& line, std::uint64_t number) {
+  const fmt::format_int digits(number);
+  line.append(digits.data(), digits.data() + digits.size());
+}
+
+// `value` (at least 0) in exactly `width` digits, zeros in front.
+void appendDigits(Line& line, std::int64_t value, int width) {
+  char digits[8] = {};
+  for (int i = width - 1; i >= 0; --i, value /= 10) {
+    digits[i] = static_cast<char>('0' + value % 10);
+  }
+  line.append(digits, digits + width);
+}
+
 // UTC, ISO 8601 with microseconds: 2026-11-23T08:40:00.123456Z. The calendar date comes from the
 // day count by Howard Hinnant's civil_from_days, which needs neither the C library's time zone
 // lock nor a buffer of its own.
@@ -167,8 +182,20 @@ void appendUtcTime(Line& line, std::chrono::system_clock::time_point time) {
   const std::int64_t day = dayOfYear - (153 * monthIndex + 2) / 5 + 1;
   const std::int64_t month = monthIndex < 10 ? monthIndex + 3 : monthIndex - 9;
   const std::int64_t year = yearOfEra + era * 400 + (month <= 2 ? 1 : 0);
-  fmt::format_to(std::back_inserter(line), "{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:06}Z", year, month, day,
-                 ofDay / 3600000000LL, ofDay / 60000000LL % 60, ofDay / 1000000LL % 60, ofDay % 1000000LL);
+  appendDigits(line, year, 4);
+  line.push_back('-');
+  appendDigits(line, month, 2);
+  line.push_back('-');
+  appendDigits(line, day, 2);
+  line.push_back('T');
+  appendDigits(line, ofDay / 3600000000LL, 2);
+  line.push_back(':');
+  appendDigits(line, ofDay / 60000000LL % 60, 2);
+  line.push_back(':');
+  appendDigits(line, ofDay / 1000000LL % 60, 2);
+  line.push_back('.');
+  appendDigits(line, ofDay % 1000000LL, 6);
+  line.push_back('Z');
 }
 
 // What lines look like and where they go: replaced whole when a setting changes, so that a line
@@ -176,6 +203,8 @@ void appendUtcTime(Line& line, std::chrono::system_clock::time_point time) {
 struct Output {
   std::string destination = kDefaultDestination;
   std::shared_ptr<spdlog::sinks::sink> sink;
+  // spdlog's standard-stream sinks flush every line themselves, and null has nothing to flush.
+  bool flushEachLine = false;
   bool json = false;
   std::string exclude;
   std::vector<std::string> excludedPrefixes;
@@ -245,11 +274,13 @@ struct AccessLogServiceProvider::Core {
       if (outcome.ok() && out->excludes(name)) {
         return;
       }
-      const auto startTime = std::chrono::system_clock::now() -
-                             std::chrono::duration_cast<std::chrono::system_clock::duration>(elapsed);
+      const std::chrono::system_clock::time_point now = std::chrono::system_clock::now();
+      const auto startTime = now - std::chrono::duration_cast<std::chrono::system_clock::duration>(elapsed);
       Line line;
       if (out->json) {
-        fmt::format_to(std::back_inserter(line), "{{\"number\":{},\"type\":", number);
+        append(line, "{\"number\":");
+        appendNumber(line, number);
+        append(line, ",\"type\":");
         appendJsonString(line, name);
         append(line, ",\"outcome\":");
         appendJsonString(line, outcome.ok() ? kOk : kFailed);
@@ -259,11 +290,16 @@ struct AccessLogServiceProvider::Core {
           append(line, ",\"what\":");
           appendJsonString(line, outcome.what);
         }
-        fmt::format_to(std::back_inserter(line), ",\"elapsed_us\":{},\"start\":\"", elapsedUs);
+        append(line, ",\"elapsed_us\":");
+        appendNumber(line, static_cast<std::uint64_t>(elapsedUs));
+        append(line, ",\"start\":\"");
         appendUtcTime(line, startTime);
         append(line, "\"}");
       } else {
-        fmt::format_to(std::back_inserter(line), "{} {} ", number, name);
+        appendNumber(line, number);
+        line.push_back(' ');
+        append(line, name);
+        line.push_back(' ');
         if (outcome.ok()) {
           append(line, kOk);
         } else {
@@ -271,13 +307,17 @@ struct AccessLogServiceProvider::Core {
           line.push_back(' ');
           appendJsonString(line, outcome.what);
         }
-        fmt::format_to(std::back_inserter(line), " elapsed_us={} start=", elapsedUs);
+        append(line, " elapsed_us=");
+        appendNumber(line, static_cast<std::uint64_t>(elapsedUs));
+        append(line, " start=");
         appendUtcTime(line, startTime);
       }
-      out->sink->log(spdlog::details::log_msg(spdlog::source_loc{}, spdlog::string_view_t(),
+      out->sink->log(spdlog::details::log_msg(now, spdlog::source_loc{}, spdlog::string_view_t(),
                                               spdlog::level::info,
                                               spdlog::string_view_t(line.data(), line.size())));
-      out->sink->flush();
+      if (out->flushEachLine) {
+        out->sink->flush();
+      }
     } catch (...) {
       failedWrites.fetch_add(1, std::memory_order_relaxed);
     }
@@ -384,6 +424,7 @@ AccessLogServiceProvider::AccessLogServiceProvider(
           c.changeOutput([&](Output& out) {
             out.destination = *text;
             out.sink = std::move(sink);
+            out.flushEachLine = *text != "stdout" && *text != "stderr" && *text != "null";
           });
         }
         return c.currentOutput()->destination;
