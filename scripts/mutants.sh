@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Mutation testing: applies each one-line fault of scripts/mutants.txt, alone, to a scratch copy
 # of the tree, rebuilds the dev preset incrementally, runs the tests (all but the install check;
-# the stress tests at a fiftieth of their counts, the fuzzers replaying their committed corpora)
+# the stress tests at a tenth of their counts, the fuzzers replaying their committed corpora)
 # and stops at the first failing test. Prints one line per mutant, "killed by TEST", "survived", or "stale" when its
 # snippet no longer occurs exactly once (the code moved under it), then a closing line
 # "N killed, M survived, S stale". Exits 1 if any mutant survived.
@@ -15,7 +15,7 @@
 #   MUTANTS_DIR      the scratch worktree (default ${TMPDIR:-/tmp}/connector-mutants)
 #   MUTANTS_TIMEOUT  seconds a single test may run before it counts as hung (default 10)
 #   MUTANTS_JOBS     parallel build and test jobs (default 2)
-#   MUTANTS_STRESS_SCALE  CONNECTOR_STRESS_SCALE for the stress tests (default 0.02)
+#   MUTANTS_STRESS_SCALE  CONNECTOR_STRESS_SCALE for the stress tests (default 0.1)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 repo=$(pwd)
@@ -24,7 +24,7 @@ scratch="${MUTANTS_DIR:-${TMPDIR:-/tmp}/connector-mutants}"
 timeout="${MUTANTS_TIMEOUT:-10}"
 jobs="${MUTANTS_JOBS:-2}"
 export CMAKE_CXX_COMPILER_LAUNCHER=ccache
-export CONNECTOR_STRESS_SCALE="${MUTANTS_STRESS_SCALE:-0.02}"
+export CONNECTOR_STRESS_SCALE="${MUTANTS_STRESS_SCALE:-0.1}"
 started=$(date +%s)
 
 # ---- The catalogue: parallel arrays of name, file, snippet and replacement.
@@ -65,13 +65,14 @@ build="$scratch/build/dev"
 
 buildTree() { cmake --build "$build" -j"$jobs" >"$scratch/build.log" 2>&1; }
 
-# Runs the tests matching the ctest regex $1 (all of them if empty); prints the first failing
-# test's name, or nothing if all pass.
+# Runs the tests matching the ctest regex $1 (all of them if empty); prints the name of the test
+# that failed first, or nothing if all pass. ctest's closing list is sorted by number and may hold
+# tests that --stop-on-failure interrupted, so the first failure is read from the progress lines.
 firstFailure() {
   local log="$scratch/ctest.log"
   ctest --test-dir "$build" ${1:+-R "$1"} -LE install --stop-on-failure --timeout "$timeout" \
     -j"$jobs" >"$log" 2>&1 || true
-  sed -n '/The following tests FAILED:/{n;p;q}' "$log" | sed -E 's/^[[:space:]]*[0-9]+ - //'
+  sed -nE 's/^ *[0-9]+\/[0-9]+ Test +#[0-9]+: ([^ ]+) \.*\*\*\*([A-Za-z]+).*/\1 (\2)/p' "$log" | head -n 1
 }
 
 # Every test as "NAME<TAB>EXECUTABLE", from ctest's own listing.

@@ -1,5 +1,5 @@
-// The callback subscriber's cancel() against callbacks running on other threads. Its outcome
-// table on one thread is the fuzzer's model (fuzz/CallbackSubscriberFuzzer.cpp).
+// The callback subscriber's destruction, and its cancel() against callbacks running on other
+// threads. Its outcome table on one thread is the fuzzer's model (fuzz/CallbackSubscriberFuzzer.cpp).
 #include "framework/CallbackSubscriber.h"
 
 #include <gtest/gtest.h>
@@ -24,6 +24,18 @@ struct Stream {
       subscribeCallback<int>(publisher, [this](int&& value) { callback(value); });
   std::shared_ptr<Canceller> canceller = makeCanceller(subscriber);
 };
+
+// Destroying an active subscriber cancels it: its Future says false and its live subscription
+// is cancelled.
+TEST(CallbackSubscriber, DestructionCancels) {
+  auto subscription = std::make_shared<test_support::FakeSubscription>();
+  auto subscriber = std::make_shared<CallbackSubscriber<int>>([](int&&) {});
+  Future<bool> future = subscriber->getFuture();
+  subscriber->onSubscribe(subscription);
+  subscriber.reset();
+  EXPECT_FALSE(future.get());
+  EXPECT_EQ(subscription->cancelCount(), 1);
+}
 
 // A sender keeps sending while this thread drops the canceller, so cancel() lands anywhere in the
 // stream, between onNext's check and the call included; value 1, if it gets in, stays in the

@@ -247,8 +247,10 @@ TEST_F(LoggingProvider, AStreamFailureLeavesDeliverUnlessTheExceptionLineCanBeWr
 // (with the message left to the caller), whatever the settings.
 TEST_F(LoggingProvider, ARequestNotSelectedPassesThroughUntouched) {
   for (const auto& [key, value] : std::vector<std::pair<std::string, ConfigValue>>{
-           {"svc.enabled", false}, {"svc.filter", std::string("x")}}) {
+           {"svc.filter", std::string("xpp::Ping")}, {"svc.enabled", false}}) {
     configuration->send(key, value);
+    send(echoing()).get();
+    ASSERT_EQ(buffer.str(), "") << key;  // before a pending answer that a logged request would wait for
     Promise<MessagePtr> promise;
     Future<MessagePtr> pending = promise.getFuture();
     EXPECT_EQ(send([&](MessagePtr&&) { return std::move(pending); }).state, promise.state);
