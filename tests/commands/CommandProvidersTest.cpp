@@ -28,10 +28,13 @@ using connector::test_support::FakeAdministration;
 TEST(CommandProviders, RegisterInOrderWithdrawByTheSameNamesAndLeaveHandlersThatOutliveThem) {
   auto registry = std::make_shared<FakeAdministration>();
   auto connector = std::make_shared<connector::test_support::FakeConnector>(std::set<std::string>{"b", "A"});
+  const std::weak_ptr<connector::test_support::FakeConnector> held = connector;
   {
-    ConnectorCommandProvider listing(connector, registry);
+    ConnectorCommandProvider listing(std::move(connector), registry);
     LoggingCommandProvider logging(registry);  // destroyed first
   }
+  connector = held.lock();
+  ASSERT_TRUE(connector) << "the handler keeps the connector alive";
   EXPECT_EQ(registry->calls(),
             (std::vector<std::string>{
                 "register connector.listServiceProviders 0..255 List all the registered service providers.",

@@ -2,6 +2,7 @@
 // and what its caller receives when the answer or the stream fails. Which requests are selected
 // and the form of the lines on streams of every format are checked by the fuzzer's model
 // (fuzz/LoggingProviderFuzzer.cpp), concurrent use by the stress test.
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <locale>
@@ -92,7 +93,7 @@ TEST(LoggingBinding, AFailedConstructionCancelsExactlyWhatItSubscribed) {
   const std::vector<std::string> all = {"svc.filter", "svc.prefix", "svc.enabled"};
   const std::vector<std::pair<std::string, std::vector<std::string>>> cases = {
       {"", all},
-      {"set svc.enabled", {}},
+      {"set svc.filter", {}},
       {"observe svc.filter", {}},
       {"subscribe svc.prefix", {"svc.filter"}},
       {"subscribe svc.enabled", {"svc.filter", "svc.prefix"}}};
@@ -154,6 +155,38 @@ TEST(LoggingLines, TimesAreMillisecondsSinceConstructionAndSinceTheRequest) {
   EXPECT_GE(elapsed, ms(wait));
   EXPECT_LE(elapsed, ms(after - before));
   EXPECT_NEAR(responded - requested, elapsed, 1e-6);
+}
+
+// Concurrent requests write to the stream one line at a time: a buffer that notices two writers
+// inside it at once, and lets the other thread in while it is inside, never does.
+TEST(LoggingLines, ConcurrentRequestsWriteOneLineAtATime) {
+  struct OverlapBuffer : std::stringbuf {
+    std::atomic<int> inside{0};
+    std::atomic<bool> overlapped{false};
+    std::streamsize xsputn(const char*, std::streamsize size) override {
+      if (inside.fetch_add(1) > 0) {
+        overlapped = true;
+      }
+      std::this_thread::yield();
+      inside.fetch_sub(1);
+      return size;
+    }
+  } buffer;
+  std::ostream stream(&buffer);
+  LoggingServiceProvider provider(nullptr, "svc", stream);
+  const auto context = std::make_shared<FakeContext>(echoing());
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&] {
+      for (int i = 0; i < 500; ++i) {
+        provider.deliver(std::make_unique<app::Ping>(), Address("svc"), context).get();
+      }
+    });
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  EXPECT_FALSE(buffer.overlapped);
 }
 
 // The request line is flushed before the request goes on; each line reads the prefix as it is

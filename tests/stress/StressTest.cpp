@@ -314,7 +314,8 @@ TEST(CommandHandlersUnderLoad, ConcurrentCallsWhileTheLogMovesSeeOnlyWholeSettin
   for (std::thread& thread : threads) {
     thread.join();
   }
-  log::set_destination("null");       // closes the files; the log stays quiet for the rest of the run
+  log::set_destination("null");  // closes the files; the log stays quiet for the rest of the run
+  log::confine_file_destinations("");
   std::vector<int> written(records);  // per record, the lines that carry it whole
   std::istringstream lines(TempDirectory::read(directory / "a.log") +
                            TempDirectory::read(directory / "b.log"));
