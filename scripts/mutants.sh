@@ -72,7 +72,10 @@ firstFailure() {
   local log="$scratch/ctest.log"
   ctest --test-dir "$build" ${1:+-R "$1"} -LE install --stop-on-failure --timeout "$timeout" \
     -j"$jobs" >"$log" 2>&1 || true
-  sed -nE 's/^ *[0-9]+\/[0-9]+ Test +#[0-9]+: ([^ ]+) \.*\*\*\*([A-Za-z]+).*/\1 (\2)/p' "$log" | head -n 1
+  local first
+  first=$(sed -nE 's/^ *[0-9]+\/[0-9]+ Test +#[0-9]+: ([^ ]+) [^*]*\*\*\*([A-Za-z]+).*/\1 (\2)/p' "$log" | head -n 1)
+  [ -n "$first" ] || first=$(sed -n '/The following tests FAILED:/{n;p;q}' "$log" | sed -E 's/^[[:space:]]*[0-9]+ - //')
+  echo "$first"
 }
 
 # Every test as "NAME<TAB>EXECUTABLE", from ctest's own listing.
