@@ -4,7 +4,6 @@
 #include <string>
 #include <vector>
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "foundation/log/Log.h"
@@ -16,8 +15,6 @@ namespace {
 
 namespace flog = foundation::log;
 using test_support::TempDirectory;
-using ::testing::HasSubstr;
-using ::testing::Not;
 
 class CommandAudit : public ::testing::Test {
  protected:
@@ -63,12 +60,9 @@ TEST_F(CommandAudit, OnlyAnOverrideNamingTheChannelTurnsItOff) {
   for (const std::string specification : {"off", "off,connector.*=off", "off,*=off", "connector.audit=off"}) {
     flog::set_specification(specification);
     registry.execute("test.audit.echo", {specification});
-    const auto expected = HasSubstr("arguments=[\"" + specification + "\"]");
-    if (specification == "connector.audit=off") {
-      EXPECT_THAT(audit(), Not(expected));
-    } else {
-      EXPECT_THAT(audit(), expected) << specification;
-    }
+    EXPECT_EQ(audit().find("[\"" + specification + "\"]") == std::string::npos,
+              specification == "connector.audit=off")
+        << specification;
   }
 }
 

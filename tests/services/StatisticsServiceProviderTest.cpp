@@ -97,26 +97,6 @@ struct Statistics {
   }
 };
 
-TEST(StatisticsProvider, RegistersFourDescribedCommandsAndWithdrawsThemInOrder) {
-  Statistics statistics;
-  statistics.provider.reset();
-  const std::vector<std::string> expected = {
-      "register metrics.statistics 0..1 List per message type the requests completed, failed and in flight, "
-      "and "
-      "their latency percentiles (optionally only the types that start with a prefix).",
-      "register metrics.statistics.reset 0..0 Zero the request counts, latency histograms and the slowest "
-      "list.",
-      "register metrics.inflight 0..0 List the requests in flight with their age, oldest first.",
-      "register metrics.slowest 0..1 List the slowest requests since the last reset, slowest first (default "
-      "10, at "
-      "most 32).",
-      "unregister metrics.statistics",
-      "unregister metrics.statistics.reset",
-      "unregister metrics.inflight",
-      "unregister metrics.slowest"};
-  EXPECT_EQ(statistics.administration->calls(), expected);
-}
-
 // Counts by type, sorted by name and filtered by prefix; the slowest list, 10 by default; a reset
 // zeroes them all, and a handler still answers once the provider is gone.
 TEST(StatisticsProvider, CountsRequestsAndFailuresPerTypeUntilReset) {

@@ -22,15 +22,5 @@ inline std::string hideNumbers(const std::string& text) {
   return hidden;
 }
 
-// Each digit becomes '#', so the widths of fields show: "2026-11-23" gives "####-##-##".
-inline std::string hideDigits(std::string text) {
-  for (char& c : text) {
-    if (std::isdigit(static_cast<unsigned char>(c)) != 0) {
-      c = '#';
-    }
-  }
-  return text;
-}
-
 }  // namespace test_support
 }  // namespace connector
