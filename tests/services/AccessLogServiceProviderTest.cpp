@@ -33,15 +33,6 @@ struct Order : Message {};
 struct Ping : Message {};
 }  // namespace shop
 
-std::vector<std::string> linesOf(const std::string& text) {
-  std::vector<std::string> lines;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) {
-    lines.push_back(line);
-  }
-  return lines;
-}
-
 // An access log named "access" writing to a file of its own, with the given settings sent in.
 struct Log {
   TempDirectory directory;
@@ -60,7 +51,14 @@ struct Log {
     return provider.deliver(std::move(message), Address("api"),
                             std::make_shared<FakeContext>(std::move(answer)));
   }
-  std::vector<std::string> lines() const { return linesOf(TempDirectory::read(file)); }
+  std::vector<std::string> lines() const {
+    std::istringstream in(TempDirectory::read(file));
+    std::vector<std::string> all;
+    for (std::string line; std::getline(in, line);) {
+      all.push_back(line);
+    }
+    return all;
+  }
 };
 
 // Whether it comes straight back or later, an answer reaches the caller as the very response
