@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <array>
-#include <cerrno>
 #include <cstring>
 #include <optional>
 #include <stdexcept>
@@ -23,34 +22,22 @@ namespace test_support {
 class AdminPeer {
  public:
   explicit AdminPeer(const std::string& path) : fd_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
+    sockaddr_un address{AF_UNIX, {}};
     std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-    if (fd_ < 0 || ::connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
-      const int error = errno;
-      if (fd_ >= 0) {
-        ::close(fd_);
-      }
-      throw std::runtime_error("cannot connect to " + path + ": " + std::strerror(error));
+    if (::connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+      ::close(fd_);
+      throw std::runtime_error("cannot connect to " + path);
     }
   }
   AdminPeer(const AdminPeer&) = delete;
   AdminPeer& operator=(const AdminPeer&) = delete;
   ~AdminPeer() { ::close(fd_); }
 
-  // Writes all of `bytes`; false when the server has closed the connection.
-  bool send(std::string_view bytes) {
-    while (!bytes.empty()) {
-      const ssize_t n = ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-      if (n < 0 && errno == EINTR) {
-        continue;
-      }
-      if (n <= 0) {
-        return false;
-      }
+  // Writes `bytes`, or as much as the server takes before it closes the connection.
+  void send(std::string_view bytes) {
+    for (ssize_t n; !bytes.empty() && (n = ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL)) > 0;) {
       bytes.remove_prefix(static_cast<std::size_t>(n));
     }
-    return true;
   }
 
   // Tells the server that no more requests follow (a half-close); answers can still be read.
@@ -58,26 +45,18 @@ class AdminPeer {
 
   // The next answer, or nothing once the server has closed the connection.
   std::optional<host::admin::Response> next() {
-    for (;;) {
-      if (std::optional<host::admin::Response> response = reader_.next()) {
-        return response;
-      }
-      const ssize_t n = ::recv(fd_, buffer_.data(), buffer_.size(), 0);
-      if (n < 0 && errno == EINTR) {
-        continue;
-      }
-      if (n <= 0) {
-        return std::nullopt;
-      }
-      reader_.append(std::string_view(buffer_.data(), static_cast<std::size_t>(n)));
+    std::optional<host::admin::Response> response;
+    for (ssize_t n = 1; !(response = reader_.next()) && n > 0;) {
+      n = ::recv(fd_, buffer_.data(), buffer_.size(), 0);
+      reader_.append(std::string_view(buffer_.data(), n > 0 ? static_cast<std::size_t>(n) : 0));
     }
+    return response;
   }
 
-  // Sends one line and returns its answer ("<closed connection>" as an error when none came).
+  // Sends one line and returns its answer (an error when none came).
   host::admin::Response call(const std::string& line) {
     send(line + "\n");
-    std::optional<host::admin::Response> response = next();
-    return response ? *response : host::admin::Response{host::admin::Status::error, "<closed connection>"};
+    return next().value_or(host::admin::Response{host::admin::Status::error, "<closed connection>"});
   }
 
  private:
