@@ -10,9 +10,9 @@
 
 #include <memory>
 
+#include "foundation/Export.h"
 #include "framework/Administration.h"
 #include "framework/Connector.h"
-#include "foundation/Export.h"
 
 namespace connector {
 namespace common_services {

@@ -18,8 +18,8 @@
 
 #include <memory>
 
-#include "framework/Administration.h"
 #include "foundation/Export.h"
+#include "framework/Administration.h"
 
 namespace connector {
 namespace common_services {
