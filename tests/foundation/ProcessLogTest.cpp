@@ -16,6 +16,7 @@
 
 #include "foundation/log/Admin.h"
 #include "foundation/log/Log.h"
+#include "tests/support/ProcessLogFixture.h"
 #include "tests/support/TempDirectory.h"
 
 namespace {
@@ -28,14 +29,8 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
-class ProcessLog : public ::testing::Test {
+class ProcessLog : public connector::test_support::ProcessLogFixture {
  protected:
-  void SetUp() override { TearDown(); }
-  void TearDown() override {
-    flog::confine_file_destinations("");
-    flog::set_specification("info");
-    flog::set_destination("null");
-  }
   TempDirectory dir;
 };
 

@@ -17,6 +17,7 @@
 
 #include "foundation/log/Log.h"
 #include "foundation/log/TestDestination.h"
+#include "tests/support/ProcessLogFixture.h"
 #include "tests/support/TempDirectory.h"
 
 namespace {
@@ -26,15 +27,8 @@ namespace flog = foundation::log;
 using connector::test_support::TempDirectory;
 using ::testing::HasSubstr;
 
-class ProductionLog : public ::testing::Test {
+class ProductionLog : public connector::test_support::ProcessLogFixture {
  protected:
-  void SetUp() override { TearDown(); }
-  void TearDown() override {
-    flog::confine_file_destinations("");
-    flog::set_specification("info");
-    flog::set_destination("null");
-  }
-
   // The lines of a file, in order, with everything up to the text cut off if `whole` is false.
   static std::vector<std::string> lines(const std::string& file, bool whole = false) {
     std::istringstream in(TempDirectory::read(file));
