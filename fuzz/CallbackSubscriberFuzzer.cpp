@@ -34,8 +34,8 @@ struct Session {
       (this->*kOperations[input_.pick(6)])(input_.pick(4), input_.ConsumeIntegral<std::uint8_t>());
       for (const Upstream& upstream : upstreams_) {
         const std::vector<std::uint64_t> requests(upstream.requests, 0xFFFFFFFFFFFFFFFFULL);
-        MODEL_CHECK(!upstream.fake || (upstream.fake->requests() == requests &&
-                                       upstream.fake->cancelCount() == upstream.cancels),
+        MODEL_CHECK(!upstream.fake ||
+                        (requested_[upstream.id] == requests && cancelled_[upstream.id] == upstream.cancels),
                     "subscription " + std::to_string(upstream.id) + " received other requests or cancels");
       }
     }
@@ -108,9 +108,18 @@ struct Session {
   // from cancel(), sends a value (0, only recorded) from request(), or from cancel(), or does nothing.
   void newUpstream(int slot, int hook) {
     Upstream& upstream = upstreams_[slot % 3];
-    upstream = {std::make_shared<FakeSubscription>(), nextUpstream_++};
-    upstream.fake->onCancel = [=] { hook % 4 == 0 ? end(0, 2) : hook % 4 == 2 ? next(0, 0) : void(); };
-    upstream.fake->onRequest = [this, hook](std::uint64_t) { hook % 4 == 1 ? next(0, 0) : void(); };
+    const int id = nextUpstream_++;
+    upstream = {std::make_shared<FakeSubscription>(), id};
+    requested_.emplace_back();
+    cancelled_.push_back(0);
+    upstream.fake->onCancel = [this, id, hook] {
+      ++cancelled_[id];
+      hook % 4 == 0 ? end(0, 2) : hook % 4 == 2 ? next(0, 0) : void();
+    };
+    upstream.fake->onRequest = [this, id, hook](std::uint64_t count) {
+      requested_[id].push_back(count);
+      hook % 4 == 1 ? next(0, 0) : void();
+    };
   }
 
   // The value chooses what the callback does: record it, throw, or complete, fail or cancel
@@ -146,6 +155,9 @@ struct Session {
   std::weak_ptr<Subscriber> current_ = hold_;
   connector::Future<bool> future_ = hold_->getFuture();
   std::array<Upstream, 3> upstreams_{};
+  // Per subscription id, the counts its request() received and the calls of its cancel().
+  std::vector<std::vector<std::uint64_t>> requested_{};
+  std::vector<int> cancelled_{};
   // The model of the subscriber and its Future.
   bool reachable_ = true, done_ = false;
   std::string outcome_{};  // "" while unsettled, else what get() gives

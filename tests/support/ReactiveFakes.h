@@ -1,14 +1,13 @@
-// Recording fakes of the reactive-streams interfaces, for tests of subscribers and of the code
-// that subscribes.
+// Fakes of the reactive-streams interfaces, for tests of subscribers and of the code that
+// subscribes.
 //
-// FakeSubscription records every request(n) and cancel() it receives; FakePublisher<T> keeps the
-// subscribers handed to subscribe() and sends them values from any thread. Both are thread-safe.
-// Their hooks are set before the fake is shared and run on the calling thread with no lock of the
-// fake held, so a hook may call back into the subscriber (for example complete it from inside
-// cancel()).
+// FakeSubscription runs a hook for every request(n) and cancel() it receives; FakePublisher<T>
+// keeps the subscribers handed to subscribe() and sends them values from any thread. Both are
+// thread-safe. Their hooks are set before the fake is shared and run on the calling thread with no
+// lock of the fake held, so a hook may call back into the subscriber (for example complete it from
+// inside cancel()).
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <exception>
 #include <functional>
@@ -22,39 +21,12 @@
 namespace connector {
 namespace test_support {
 
-class FakeSubscription : public reactive_streams::Subscription {
- public:
-  // Run inside request(n) and cancel(), after the call has been recorded.
+struct FakeSubscription : reactive_streams::Subscription {
   std::function<void(std::uint64_t)> onRequest;
   std::function<void()> onCancel;
 
-  void request(std::uint64_t count) override {
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      requests_.push_back(count);
-    }
-    if (onRequest) {
-      onRequest(count);
-    }
-  }
-  void cancel() override {
-    cancels_.fetch_add(1);
-    if (onCancel) {
-      onCancel();
-    }
-  }
-
-  // Every count passed to request(), in order of arrival.
-  std::vector<std::uint64_t> requests() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return requests_;
-  }
-  int cancelCount() const { return cancels_.load(); }
-
- private:
-  mutable std::mutex mutex_;
-  std::vector<std::uint64_t> requests_;  // guarded by mutex_
-  std::atomic<int> cancels_{0};
+  void request(std::uint64_t count) override { onRequest ? onRequest(count) : void(); }
+  void cancel() override { onCancel ? onCancel() : void(); }
 };
 
 template <typename T>
