@@ -145,7 +145,7 @@ long loggedRequests(const std::string& log, std::size_t requests) {
 // each round's logged requests are numbered 0..K-1, each number in exactly one request line and
 // exactly one response line.
 TEST(LoggingServiceProviderUnderLoad, RequestsSettingChangesAndTeardownLoseNothing) {
-  const int threads = 4, requestsPerThread = 50;
+  const int threads = 4, requestsPerThread = 100;
   const long messagesBefore = CountedMessage::alive();
   const char* const keys[] = {"svc.enabled", "svc.filter", "svc.prefix"};
   const std::vector<ConfigValue> values[] = {
@@ -162,7 +162,7 @@ TEST(LoggingServiceProviderUnderLoad, RequestsSettingChangesAndTeardownLoseNothi
   });
   std::atomic<int> wrongAnswers{0};
   long logged = 0;
-  for (int round = 0; round < stressCount(1000) && !HasFailure(); ++round) {
+  for (int round = 0; round < stressCount(500) && !HasFailure(); ++round) {
     auto fresh = std::make_shared<FakeConfiguration>();
     std::ostringstream stream;
     auto provider = std::make_unique<LoggingServiceProvider>(fresh, "svc", stream);
