@@ -49,17 +49,6 @@ TEST(CallbackSubscriber, DestructionCancels) {
   EXPECT_EQ(cancels, 1);
 }
 
-// A subscriber attached to a publisher, with its canceller, as the configuration
-// binding uses them; values go to `callback`.
-struct Stream {
-  std::function<void(int)> callback;
-  std::shared_ptr<test_support::FakePublisher<int>> publisher =
-      std::make_shared<test_support::FakePublisher<int>>();
-  std::shared_ptr<reactive_streams::CallbackSubscriber<int>> subscriber =
-      reactive_streams::subscribeCallback<int>(publisher, [this](int&& value) { callback(value); });
-  std::shared_ptr<reactive_streams::Canceller> canceller = reactive_streams::makeCanceller(subscriber);
-};
-
 // Two threads inside the callback both cancel: neither may wait for the other (this once
 // deadlocked), while a third thread's cancel() waits for both to leave, and so for every callback
 // in flight.
@@ -68,19 +57,19 @@ TEST(CallbackSubscriberRace, CallbacksCancellingOnTwoThreadsDoNotWaitForEachOthe
     std::atomic<int> inside{0};
     std::promise<void> bothEntered;
     std::shared_future<void> together = bothEntered.get_future().share();
-    Stream stream;
-    stream.callback = [&](int) {
+    std::shared_ptr<reactive_streams::CallbackSubscriber<int>> subscriber;
+    subscriber = std::make_shared<reactive_streams::CallbackSubscriber<int>>([&](int&&) {
       if (inside.fetch_add(1) == 1) {
         bothEntered.set_value();
       }
       together.wait();
-      stream.subscriber->cancel();
+      subscriber->cancel();
       inside.fetch_sub(1);
-    };
-    std::thread first([&] { stream.publisher->publish(0); });
-    std::thread second([&] { stream.publisher->publish(1); });
+    });
+    std::thread first([&] { subscriber->onNext(0); });
+    std::thread second([&] { subscriber->onNext(1); });
     together.wait();
-    stream.subscriber->cancel();
+    subscriber->cancel();
     EXPECT_EQ(inside.load(), 0) << "cancel() returned while a callback was running, round " << round;
     first.join();
     second.join();
