@@ -21,9 +21,6 @@
 namespace connector {
 namespace {
 
-using common_services::AccessLogServiceProvider;
-using common_services::StatisticsServiceProvider;
-using configuration::ConfigValue;
 using test_support::CountedMessage;
 using test_support::FakeContext;
 using test_support::MessagePtr;
@@ -36,40 +33,35 @@ TEST(ObservabilityStress, CountsAddUpWhileSettingsFlip) {
   test_support::TempDirectory directory;
   auto configuration = std::make_shared<test_support::FakeConfiguration>();
   auto administration = std::make_shared<test_support::FakeAdministration>();
-  AccessLogServiceProvider access(configuration, "access");
+  common_services::AccessLogServiceProvider access(configuration, "access");
   configuration->send("access.destination", "file:" + (directory / "access.log"));
-  StatisticsServiceProvider metrics(administration, "metrics");
+  common_services::StatisticsServiceProvider metrics(administration, "metrics");
 
   // Request i of a thread: every third fails, every fifth is answered only after deliver()
   // returns, by the thread itself.
-  const auto run = [&](int thread) {
+  const auto run = [&] {
     for (int i = 0; i < requests; ++i) {
-      const bool fails = i % 3 == 0;
       Promise<MessagePtr> later;
-      const bool pending = i % 5 == 0;
-      auto downstream = std::make_shared<FakeContext>([&](MessagePtr&& message) -> Future<MessagePtr> {
-        if (pending) {
-          return later.getFuture();
-        }
-        return fails ? makeRejectedFuture<MessagePtr>(std::runtime_error("refused"))
-                     : makeResolvedFuture(std::move(message));
+      const auto failure = std::make_exception_ptr(std::runtime_error("refused"));
+      auto downstream = std::make_shared<FakeContext>([&](MessagePtr&& message) {
+        return i % 5 == 0   ? later.getFuture()
+               : i % 3 == 0 ? makeRejectedFuture<MessagePtr>(failure)
+                            : makeResolvedFuture(std::move(message));
       });
       auto upstream = std::make_shared<FakeContext>([&](MessagePtr&& message) {
         return metrics.deliver(std::move(message), Address("api"), downstream);
       });
       Future<MessagePtr> answer =
-          access.deliver(std::make_unique<CountedMessage>(std::to_string(thread)), Address("api"), upstream);
-      if (pending) {
-        fails ? later.reject(std::make_exception_ptr(std::runtime_error("refused")))
-              : later.resolve(std::make_unique<CountedMessage>());
-      }
+          access.deliver(std::make_unique<CountedMessage>(), Address("api"), upstream);
+      i % 5 != 0   ? void()
+      : i % 3 == 0 ? later.reject(failure)
+                   : later.resolve(std::make_unique<CountedMessage>());
       try {
         answer.get();
       } catch (const std::runtime_error&) {
       }
     }
   };
-
   std::atomic<bool> done{false};
   std::thread flipper([&] {
     for (int round = 0; !done.load(); ++round) {
@@ -80,9 +72,9 @@ TEST(ObservabilityStress, CountsAddUpWhileSettingsFlip) {
       configuration->send("access.slowerThanUs", round % 5);
     }
   });
-  std::vector<std::thread> senders;
-  for (int thread = 0; thread < kThreads; ++thread) {
-    senders.emplace_back(run, thread);
+  std::vector<std::thread> senders(kThreads);
+  for (std::thread& sender : senders) {
+    sender = std::thread(run);
   }
   for (std::thread& sender : senders) {
     sender.join();

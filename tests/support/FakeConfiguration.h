@@ -1,11 +1,11 @@
-// A recording configuration store, for tests of the code that writes and follows configuration
-// keys.
+// A configuration store for tests of the code that writes and follows configuration keys.
 //
-// Records every set() and observe() as "set KEY LABEL" or "observe KEY", in order of arrival, and
-// the cancel() of each subscription by its key. A subscriber is sent onSubscribe at once. send()
-// pushes any ConfigValue to the subscribers of a key on the calling thread; an exception of a
-// subscriber's onNext reaches the caller of send(). `failAt` ("set KEY", "observe KEY" or
-// "subscribe KEY") makes that call throw std::runtime_error.
+// set() stores the value; a subscriber of observe(key) is sent onSubscribe at once and then the
+// value last set for the key, if any, as a store delivers the current value. send() pushes any
+// ConfigValue to the subscribers of a key on the calling thread; an exception of a subscriber's
+// onNext reaches the caller of send(). `failAt` ("set KEY", "observe KEY" or "subscribe KEY")
+// makes that call throw std::runtime_error. The cancel() of each subscription is recorded by its
+// key.
 //
 // Threads: every member may be called from any thread, concurrently; failAt is set before the
 // fake is shared.
@@ -33,15 +33,15 @@ class FakeConfiguration : public configuration::Configuration {
   std::string failAt;
 
   using configuration::Configuration::set;
-  Future<bool> set(const std::string& key, ConfigValue value, const std::string& label) override {
-    record("set " + key, " " + label);
+  Future<bool> set(const std::string& key, ConfigValue value, const std::string&) override {
+    failIfAt("set " + key);
     std::lock_guard<std::mutex> lock(mutex_);
     values_.insert_or_assign(key, std::move(value));
     return makeResolvedFuture(true);
   }
 
   std::shared_ptr<reactive_streams::Publisher<ConfigValue>> observe(const std::string& key) override {
-    record("observe " + key, "");
+    failIfAt("observe " + key);
     auto publisher = std::make_shared<Publisher>();
     if (failAt == "subscribe " + key) {
       publisher->subscribeFailure = std::make_exception_ptr(std::runtime_error(failAt));
@@ -53,8 +53,14 @@ class FakeConfiguration : public configuration::Configuration {
         cancelled_.push_back(key);
       };
       subscriber->onSubscribe(subscription);
-      std::lock_guard<std::mutex> lock(mutex_);
+      std::unique_lock<std::mutex> lock(mutex_);
       subscriptions_.push_back(subscription);  // the subscriber holds it only weakly
+      const auto current = values_.find(key);
+      if (current != values_.end()) {
+        ConfigValue value = current->second;
+        lock.unlock();
+        subscriber->onNext(std::move(value));
+      }
     };
     std::lock_guard<std::mutex> lock(mutex_);
     publishers_[key].push_back(publisher);
@@ -73,15 +79,6 @@ class FakeConfiguration : public configuration::Configuration {
     }
   }
 
-  std::vector<std::string> calls() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return calls_;
-  }
-  // The value last set for `key`; std::out_of_range if none was.
-  ConfigValue value(const std::string& key) const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return values_.at(key);
-  }
   // The keys whose subscription was cancelled, once per cancel(), in order.
   std::vector<std::string> cancelledKeys() const {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -89,18 +86,13 @@ class FakeConfiguration : public configuration::Configuration {
   }
 
  private:
-  void record(const std::string& call, const std::string& detail) {
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      calls_.push_back(call + detail);
-    }
+  void failIfAt(const std::string& call) const {
     if (call == failAt) {
       throw std::runtime_error(failAt);
     }
   }
 
   mutable std::mutex mutex_;
-  std::vector<std::string> calls_;                                             // guarded by mutex_
   std::map<std::string, ConfigValue> values_;                                  // guarded by mutex_
   std::map<std::string, std::vector<std::shared_ptr<Publisher>>> publishers_;  // guarded by mutex_
   std::vector<std::shared_ptr<FakeSubscription>> subscriptions_;               // guarded by mutex_

@@ -1,7 +1,7 @@
 // A delivery context whose answer the test decides, for tests of providers that pass requests on.
 //
 // FakeContext::forward() counts its calls and returns whatever its Answer makes of the message:
-// the answers below cover an echo, a throw, a rejection, and a cancelled or unknown status.
+// the answers below cover an echo, a throw, and a rejection or a cancelled or unknown status.
 //
 // Threads: forward() may be called from any thread, concurrently; the answer runs on the calling
 // thread with no lock held. The answer is set before the context is shared.
@@ -55,11 +55,6 @@ inline Answer settled(detail::Status status, std::exception_ptr error = nullptr)
     status == detail::Status::Rejected ? state->rejectFresh(error) : state->status.store(status);
     return Future<MessagePtr>(state);
   };
-}
-
-// Rejected with `error`, stored as it is.
-inline Answer rejecting(std::exception_ptr error) {
-  return settled(detail::Status::Rejected, std::move(error));
 }
 
 }  // namespace test_support
