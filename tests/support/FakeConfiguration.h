@@ -3,9 +3,8 @@
 // set() stores the value; a subscriber of observe(key) is sent onSubscribe at once and then the
 // value last set for the key, if any, as a store delivers the current value. send() pushes any
 // ConfigValue to the subscribers of a key on the calling thread; an exception of a subscriber's
-// onNext reaches the caller of send(). `failAt` ("set KEY", "observe KEY" or "subscribe KEY")
-// makes that call throw std::runtime_error. The cancel() of each subscription is recorded by its
-// key.
+// onNext reaches the caller of send(). `failAt` ("set KEY" or "subscribe KEY") makes that call
+// throw std::runtime_error. The cancel() of each subscription is recorded by its key.
 //
 // Threads: every member may be called from any thread, concurrently; failAt is set before the
 // fake is shared.
@@ -34,14 +33,15 @@ class FakeConfiguration : public configuration::Configuration {
 
   using configuration::Configuration::set;
   Future<bool> set(const std::string& key, ConfigValue value, const std::string&) override {
-    failIfAt("set " + key);
+    if (failAt == "set " + key) {
+      throw std::runtime_error(failAt);
+    }
     std::lock_guard<std::mutex> lock(mutex_);
     values_.insert_or_assign(key, std::move(value));
     return makeResolvedFuture(true);
   }
 
   std::shared_ptr<reactive_streams::Publisher<ConfigValue>> observe(const std::string& key) override {
-    failIfAt("observe " + key);
     auto publisher = std::make_shared<Publisher>();
     if (failAt == "subscribe " + key) {
       publisher->subscribeFailure = std::make_exception_ptr(std::runtime_error(failAt));
@@ -86,12 +86,6 @@ class FakeConfiguration : public configuration::Configuration {
   }
 
  private:
-  void failIfAt(const std::string& call) const {
-    if (call == failAt) {
-      throw std::runtime_error(failAt);
-    }
-  }
-
   mutable std::mutex mutex_;
   std::map<std::string, ConfigValue> values_;                                  // guarded by mutex_
   std::map<std::string, std::vector<std::shared_ptr<Publisher>>> publishers_;  // guarded by mutex_
