@@ -21,18 +21,16 @@
 namespace connector {
 namespace {
 
-using test_support::CountedMessage;
-using test_support::FakeContext;
-using test_support::MessagePtr;
+using namespace test_support;
 using namespace std::string_literals;
 
 TEST(ObservabilityStress, CountsAddUpWhileSettingsFlip) {
   constexpr int kThreads = 4;
-  const int requests = test_support::stressCount(20000);
+  const int requests = stressCount(20000);
   const long aliveBefore = CountedMessage::alive();
-  test_support::TempDirectory directory;
-  auto configuration = std::make_shared<test_support::FakeConfiguration>();
-  auto administration = std::make_shared<test_support::FakeAdministration>();
+  TempDirectory directory;
+  auto configuration = std::make_shared<FakeConfiguration>();
+  auto administration = std::make_shared<FakeAdministration>();
   common_services::AccessLogServiceProvider access(configuration, "access");
   configuration->send("access.destination", "file:" + (directory / "access.log"));
   common_services::StatisticsServiceProvider metrics(administration, "metrics");
