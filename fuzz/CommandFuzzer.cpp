@@ -13,7 +13,6 @@
 #include "foundation/log/Log.h"
 #include "fuzz/FuzzInput.h"
 #include "tests/support/FakeAdministration.h"
-#include "tests/support/FakeConnector.h"
 #include "tests/support/TempDirectory.h"
 
 namespace {
@@ -27,16 +26,18 @@ const char* const kCommands[] = {"connector.log.getDestination",   "connector.lo
 // What connector.listServiceProviders answers for the names below: sorted bytewise, each on a line.
 const std::string kNames = "Beta\na\nb\nalpha\n";
 
-// The registry with both providers, a connector whose names need care (a line feed, upper before
-// lower case), and channels to list. Made once and never destroyed: the log may be written to
-// during static teardown.
+// A connector whose names need care: a line feed, upper before lower case.
+struct Names : connector::Connector {
+  std::set<std::string> getServiceProviderNames() override { return {"alpha", "Beta", "a\nb"}; }
+};
+
+// The registry with both providers, the connector above, and channels to list. Made once and
+// never destroyed: the log may be written to during static teardown.
 struct World {
   std::shared_ptr<test_support::FakeAdministration> registry =
       std::make_shared<test_support::FakeAdministration>();
-  std::shared_ptr<test_support::FakeConnector> names =
-      std::make_shared<test_support::FakeConnector>(std::set<std::string>{"alpha", "Beta", "a\nb"});
   connector::common_services::LoggingCommandProvider logging{registry};
-  connector::common_services::ConnectorCommandProvider listing{names, registry};
+  connector::common_services::ConnectorCommandProvider listing{std::make_shared<Names>(), registry};
   log::channel fuzz{"connector.fuzz"}, other{"other"};
 
   explicit World(const std::string& directory) {

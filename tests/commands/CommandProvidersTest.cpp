@@ -1,6 +1,6 @@
-// The two command providers against a recording registry; the logging commands drive the real
-// process log. What each handler answers for any arguments is the command fuzzer's model
-// (fuzz/CommandFuzzer.cpp).
+// The three command providers against a recording registry, driving the real process log. What
+// the logging and connector handlers answer for any arguments is the command fuzzer's model
+// (fuzz/CommandFuzzer.cpp); the bounds users see are pinned by the shell transcripts.
 #include <memory>
 #include <set>
 #include <stdexcept>
@@ -11,54 +11,75 @@
 #include <gtest/gtest.h>
 
 #include "commands/ConnectorCommandProvider.h"
+#include "commands/LogOperationsCommandProvider.h"
 #include "commands/LoggingCommandProvider.h"
 #include "foundation/log/Log.h"
+#include "host/Connector.h"
 #include "tests/support/FakeAdministration.h"
-#include "tests/support/FakeConnector.h"
+#include "tests/support/ProcessLogFixture.h"
 
+namespace connector {
 namespace {
 
-using namespace connector::common_services;
-using connector::test_support::FakeAdministration;
+namespace flog = foundation::log;
+using namespace common_services;
+using ::testing::MatchesRegex;
 
-// One registerCommand per command, in order, with its exact record; one unregisterCommand per
-// command, by the same name and in the same order, when its provider goes. The handlers hold
-// what they need themselves, so they answer after their provider is gone: names in byte order,
-// one per line, fetched afresh; a setter's own usage text when its argument is missing.
-TEST(CommandProviders, RegisterInOrderWithdrawByTheSameNamesAndLeaveHandlersThatOutliveThem) {
-  auto registry = std::make_shared<FakeAdministration>();
-  auto connector = std::make_shared<connector::test_support::FakeConnector>(std::set<std::string>{"b", "A"});
-  const std::weak_ptr<connector::test_support::FakeConnector> held = connector;
+class CommandProviders : public test_support::ProcessLogFixture {
+ protected:
+  std::shared_ptr<test_support::FakeAdministration> registry =
+      std::make_shared<test_support::FakeAdministration>();
+};
+
+// Each provider withdraws every command it registered, by the same name, when it goes. The
+// handlers hold what they need themselves, so they answer after their provider is gone: a timed
+// specification shows in the statistics as a line of its own until another one replaces it.
+TEST_F(CommandProviders, EveryCommandIsWithdrawnAndItsHandlerOutlivesItsProvider) {
+  auto connector = std::make_shared<host::Connector>();
+  const std::weak_ptr<host::Connector> held = connector;
   {
     ConnectorCommandProvider listing(std::move(connector), registry);
-    LoggingCommandProvider logging(registry);  // destroyed first
+    LoggingCommandProvider logging(registry);
+    LogOperationsCommandProvider operations(registry);
   }
-  connector = held.lock();
-  ASSERT_TRUE(connector) << "the handler keeps the connector alive";
-  EXPECT_EQ(registry->calls(),
-            (std::vector<std::string>{
-                "register connector.listServiceProviders 0..255 List all the registered service providers.",
-                "register connector.log.getDestination 0..0 Get the current fl::log destination.",
-                "register connector.log.setDestination 1..1 Configure the fl::log destination.",
-                "register connector.log.getSpecification 0..0 Get the current fl::log specification.",
-                "register connector.log.setSpecification 1..1 Update the fl::log specification.",
-                "register connector.log.getChannels 0..1 Get the current list of fl::log channels.",
-                "unregister connector.log.getDestination", "unregister connector.log.setDestination",
-                "unregister connector.log.getSpecification", "unregister connector.log.setSpecification",
-                "unregister connector.log.getChannels", "unregister connector.listServiceProviders"}));
-  EXPECT_EQ(registry->run("connector.listServiceProviders"), "A\nb\n");
-  connector->setNames({"alpha"});
-  EXPECT_EQ(registry->run("connector.listServiceProviders", {"ignored"}), "alpha\n");
-  using ::testing::ThrowsMessage;
-  EXPECT_THAT(
-      [&] { registry->run("connector.log.setDestination"); },
-      ThrowsMessage<std::invalid_argument>(
-          "connector.log.setDestination needs one argument (a destination such as stderr or file:app.log)"));
-  EXPECT_THAT([&] { registry->run("connector.log.setSpecification"); },
-              ThrowsMessage<std::invalid_argument>("connector.log.setSpecification needs one argument (a "
-                                                   "specification such as warn,connector.*=debug)"));
-  const foundation::log::channel zulu("cmdtest.zulu"), alpha("cmdtest.alpha");
-  EXPECT_EQ(registry->run("connector.log.getChannels", {"cmdtest.*"}), "cmdtest.zulu\ncmdtest.alpha\n");
+  std::set<std::string> registered, withdrawn;  // "register NAME MIN..MAX TEXT", "unregister NAME"
+  for (const std::string& call : registry->calls()) {
+    const std::size_t name = call.find(' ') + 1;
+    (call[0] == 'r' ? registered : withdrawn).insert(call.substr(name, call.find(' ', name) - name));
+  }
+  EXPECT_EQ(withdrawn, registered);
+  EXPECT_THAT(registry->calls(),
+              ::testing::Contains(::testing::StartsWith("register connector.listServiceProviders 0..255 ")));
+  ASSERT_TRUE(held.lock()) << "the handler keeps the connector alive";
+  EXPECT_EQ(registry->run("connector.listServiceProviders", {"ignored"}), "");
+  EXPECT_THROW(registry->run("connector.log.setDestination"), std::invalid_argument);
+
+  flog::set_specification("warn");
+  EXPECT_EQ(registry->run("connector.log.setSpecificationFor", {"600", "debug,x=trace"}), "");
+  EXPECT_EQ(flog::specification(), "debug,x=trace");
+  EXPECT_THAT(registry->run("connector.log.getStatistics"),
+              MatchesRegex(
+                  "records=[0-9]+ dropped=[0-9]+ queued=0\ndestination=null\nrestore=warn in_s=(600|599)\n"));
+  flog::set_specification("info");
+  EXPECT_THAT(registry->run("connector.log.getStatistics"),
+              MatchesRegex("records=[0-9]+ dropped=[0-9]+ queued=0\ndestination=null\n"));
+}
+
+// SECONDS must be a whole number in range; a refusal says so and changes nothing.
+TEST_F(CommandProviders, ABadDurationIsRefusedAndChangesNothing) {
+  LogOperationsCommandProvider provider(registry);
+  flog::set_specification("warn");
+  for (const std::string seconds : {"", "abc", "1.5", "+5", "0", "86401", "9999999"}) {
+    EXPECT_THAT(
+        [&] {
+          registry->run("connector.log.setSpecificationFor", {seconds, "debug"});
+        },
+        ::testing::ThrowsMessage<std::invalid_argument>(::testing::HasSubstr("1 to 86400")))
+        << seconds;
+  }
+  EXPECT_EQ(flog::specification(), "warn");
+  EXPECT_FALSE(flog::statistics().pending_restore);
 }
 
 }  // namespace
+}  // namespace connector
