@@ -7,7 +7,6 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <array>
 #include <cstring>
 #include <optional>
 #include <stdexcept>
@@ -46,9 +45,10 @@ class AdminPeer {
   // The next answer, or nothing once the server has closed the connection.
   std::optional<host::admin::Response> next() {
     std::optional<host::admin::Response> response;
+    char buffer[16 * 1024];
     for (ssize_t n = 1; !(response = reader_.next()) && n > 0;) {
-      n = ::recv(fd_, buffer_.data(), buffer_.size(), 0);
-      reader_.append(std::string_view(buffer_.data(), n > 0 ? static_cast<std::size_t>(n) : 0));
+      n = ::recv(fd_, buffer, sizeof buffer, 0);
+      reader_.append(std::string_view(buffer, n > 0 ? static_cast<std::size_t>(n) : 0));
     }
     return response;
   }
@@ -61,7 +61,6 @@ class AdminPeer {
 
  private:
   int fd_;
-  std::array<char, 16 * 1024> buffer_{};
   host::admin::ResponseReader reader_;
 };
 
