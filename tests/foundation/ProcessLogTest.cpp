@@ -1,14 +1,16 @@
-// The process log, for real: records are read back from files in a fresh temporary directory.
-// The log is process-wide, so every test sets the destination, specification and confinement it
-// needs, and uses channel names of its own.
-#include <sys/stat.h>
-
+// The process log, for real: records are read back from files in a fresh temporary directory or
+// from a test destination. The log is process-wide: every test starts and ends with no
+// confinement, the specification "info" and the destination "null", and uses channels of its own.
+#include <chrono>
+#include <cstdint>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
+#include <future>
+#include <sstream>
 #include <stdexcept>
 #include <string>
-#include <tuple>
+#include <thread>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -16,7 +18,7 @@
 
 #include "foundation/log/Admin.h"
 #include "foundation/log/Log.h"
-#include "tests/support/ProcessLogFixture.h"
+#include "foundation/log/TestDestination.h"
 #include "tests/support/TempDirectory.h"
 
 namespace {
@@ -24,137 +26,232 @@ namespace {
 namespace fs = std::filesystem;
 namespace flog = foundation::log;
 using connector::test_support::TempDirectory;
-using ::testing::AllOf;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
-using ::testing::StartsWith;
+using ::testing::ThrowsMessage;
 
-class ProcessLog : public connector::test_support::ProcessLogFixture {
+class ProcessLog : public ::testing::Test {
  protected:
+  void SetUp() override { TearDown(); }
+  void TearDown() override {
+    flog::confine_file_destinations("");
+    flog::set_specification("info");
+    flog::set_destination("null");
+  }
+
+  // The texts of a file's records, in order: each line with everything up to the last "] " cut off.
+  static std::vector<std::string> texts(const std::string& file) {
+    std::istringstream in(TempDirectory::read(file));
+    std::vector<std::string> all;
+    for (std::string line; std::getline(in, line);) {
+      all.push_back(line.substr(line.rfind("] ") + 2));
+    }
+    return all;
+  }
+
   TempDirectory dir;
 };
 
-// Each step sets a specification and writes one record; the record must be in the file exactly
-// when the specification lets it pass. Channels made earlier and later follow the same rules.
-TEST_F(ProcessLog, RecordsTheSpecificationPassesAreAppendedToTheFileDestination) {
-  std::ofstream(dir / "app.log") << "earlier line\n";
-  const flog::channel early("proclog.spec.a");
+// The last override that matches a channel decides its level, for channels made before and after
+// the setting. A file: destination appends, and a record is in the file once write() returns.
+// Channels are listed once each, in creation order, when the pattern matches the whole name.
+TEST_F(ProcessLog, TheLastMatchingOverrideDecidesAndRecordsAreInTheFileAtOnce) {
+  std::ofstream(dir / "app.log") << "[old] earlier\n";
+  const flog::channel early("proclog.a");
   flog::set_destination("file:" + (dir / "app.log"));
-  using L = flog::level;
-  const std::vector<std::tuple<std::string, std::string, L, bool>> steps = {
-      {"info", "proclog.spec.a", L::debug, false},
-      {"info", "proclog.spec.a", L::info, true},
-      {"warn, proclog.spec.a* = debug", "proclog.spec.a", L::debug, true},
-      {"warn, proclog.spec.a* = debug", "proclog.spec.b", L::info, false},
-      {"warn, proclog.spec.a* = debug", "proclog.spec.a2", L::debug, true},
-      {"debug,proclog.spec.*=off,proclog.spec.a=trace", "proclog.spec.a", L::trace, true},
-      {"debug,proclog.spec.*=off,proclog.spec.a=trace", "proclog.spec.b", L::error, false},
-      {"off", "proclog.spec.a", L::critical, false},
-  };
-  for (std::size_t i = 0; i < steps.size(); ++i) {
-    const auto& [specification, name, severity, passes] = steps[i];
-    flog::set_specification(specification);
-    EXPECT_EQ(flog::specification(), specification);
-    flog::channel(name).write(severity, "record " + std::to_string(i) + ".");
-    const std::string text = TempDirectory::read(dir / "app.log");
-    EXPECT_EQ(text.find("] record " + std::to_string(i) + ".\n") != std::string::npos, passes) << i;
-    EXPECT_EQ(text.rfind("earlier line\n", 0), 0u);
-  }
-  flog::set_specification("info");
-  flog::set_destination("file:" + (dir / "next.log"));
-  early.critical("moved");
-  EXPECT_THAT(TempDirectory::read(dir / "next.log"), HasSubstr("[proclog.spec.a] [critical] moved\n"));
-  EXPECT_EQ(TempDirectory::read(dir / "app.log").find("moved"), std::string::npos);
+  flog::set_specification(" debug ,proclog.*=off, proclog.a = trace ");
+  const flog::channel late("proclog.b"), other("proclog");
+  early.trace("a trace");
+  late.critical("b critical");
+  other.trace("other trace");
+  other.debug("other debug");
+  EXPECT_THAT(texts(dir / "app.log"), ElementsAre("earlier", "a trace", "other debug"));
+  flog::channel{"proclog.a"};
+  EXPECT_THAT(flog::local::admin::get()->getChannels("proclog.?"), ElementsAre("proclog.a", "proclog.b"));
+  EXPECT_THROW(flog::channel(""), std::invalid_argument);
 }
 
-// "invalid_argument: " or "runtime_error: " and the text of what `set(text)` throws.
-std::string refusal(void (*set)(const std::string&), const std::string& text) {
-  try {
-    set(text);
-  } catch (const std::invalid_argument& error) {
-    return std::string("invalid_argument: ") + error.what();
-  } catch (const std::runtime_error& error) {
-    return std::string("runtime_error: ") + error.what();
-  }
-  return "accepted";
-}
-
-// The table is a script: the first rows run unconfined, then destinations are confined to `dir`
-// and files outside it are refused too, whether named by an absolute path, by `..` or through a
-// symbolic link. Nothing is created outside.
-TEST_F(ProcessLog, ARefusedSettingLeavesThePreviousOneInForce) {
+// Every malformed or forbidden setting is refused with a text that says why, and changes nothing.
+// With file destinations confined to `dir`, files outside are refused whether named by an absolute
+// path, by ".." or through a symbolic link, and nothing is created outside.
+TEST_F(ProcessLog, ARefusedSettingSaysWhyAndLeavesThePreviousOneInForce) {
   TempDirectory outside;
-  std::ofstream(outside / "target.log") << "";
   fs::create_directory(dir / "sub");
   fs::create_directory_symlink(outside.path(), dir / "linkdir");
   fs::create_symlink(outside / "target.log", dir / "link.log");
-  ASSERT_EQ(::mkfifo((dir / "fifo").c_str(), 0600), 0);
-  flog::set_destination("file:" + (dir / "good.log"));
+  EXPECT_THROW(flog::set_destination("file:" + (dir / "missing/x.log")), std::runtime_error);
+  EXPECT_THROW(flog::confine_file_destinations(dir / "nowhere"), std::invalid_argument);
+  flog::confine_file_destinations(dir.path().string());
+  flog::set_destination("file:good.log");
   flog::set_specification("warn,proclog.refused=debug");
-  const std::string up = "../" + outside.path().filename().string() + "/x.log";
-  const std::string invalid = "invalid_argument: ", runtime = "runtime_error: ";
   const auto destination = flog::set_destination, specification = flog::set_specification;
-  const auto confine = flog::confine_file_destinations;
-  const std::vector<std::tuple<void (*)(const std::string&), std::string, std::string, std::string>> cases = {
-      {destination, "", invalid, "unknown log destination \"\""},
-      {destination, "File:/tmp/x", invalid, "file:PATH"},
-      {destination, "stderr ", invalid, "\"stderr \""},
-      {destination, "file:", invalid, "names no file"},
-      {destination, "file:" + (dir / "missing/x.log"), runtime, "does not exist"},
-      {destination, "file:" + dir.path().string(), invalid, "not a regular file"},
-      {destination, "file:" + (dir / "fifo"), invalid, "not a regular file"},
-      {specification, "", invalid, "log specification is empty"},
-      {specification, "INFO", invalid, "unknown level \"INFO\""},
-      {specification, "info,", invalid, "item 2 is empty"},
-      {specification, "info,debug", invalid, "two default levels"},
-      {specification, "=debug", invalid, "no channel pattern"},
-      {specification, "x=", invalid, "unknown level \"\""},
-      {specification, "a=b=c", invalid, "more than one \"=\""},
-      {specification, "[=debug", invalid, "pattern \"[\" is not valid"},
-      {confine, dir / "nowhere", invalid, "not an existing directory"},
-      {confine, dir.path().string(), "accepted", ""},
-      {destination, "file:missing/x.log", runtime, "does not exist"},
-      {destination, "file:" + dir.path().string(), invalid, "is the confinement directory itself"},
-      {destination, "nowhere", invalid, "(e.g. file:app.log)"},
-      {destination, "file:fifo", invalid, "not a regular file"},
-      {destination, "file:" + (outside / "x.log"), invalid, "lies outside the directory"},
-      {destination, "file:" + up, invalid, "\"..\" may not appear"},
-      {destination, "file:" + (dir / up), invalid, "\"..\" may not appear"},
-      {destination, "file:linkdir/x.log", invalid, "through a symbolic link"},
-      {destination, "file:link.log", invalid, "is a symbolic link"},
+  struct Refused {
+    void (*set)(const std::string&);
+    std::string text, fragment;
   };
-  for (const auto& [set, text, type, fragment] : cases) {
-    EXPECT_THAT(refusal(set, text), AllOf(StartsWith(type), HasSubstr(fragment))) << '"' << text << '"';
+  const std::vector<Refused> cases = {
+      {destination, "", "unknown log destination \"\""},
+      {destination, "file:", "names no file"},
+      {destination, "async:async:null", "async: goes before one destination"},
+      {destination, "rotating:1025M:2:x.log", "MAX_BYTES \"1025M\" is not a size from 1 byte to 1024M"},
+      {destination, "rotating:1K:1001:x.log", "FILES \"1001\" is not a number of old files from 0 to 1000"},
+      {destination, "file:missing/x.log", "does not exist"},
+      {destination, "file:" + dir.path().string(), "is the confinement directory itself"},
+      {destination, "file:sub", "not a regular file"},
+      {destination, "file:" + (outside / "x.log"), "lies outside the directory"},
+      {destination, "async:rotating:1K:2:../" + outside.path().filename().string() + "/x.log",
+       "\"..\" may not appear"},
+      {destination, "file:linkdir/x.log", "through a symbolic link"},
+      {destination, "file:link.log", "is a symbolic link"},
+      {specification, "INFO", "unknown level \"INFO\""},
+      {specification, "info,,x=debug", "item 2 is empty"},
+      {specification, "info,debug", "two default levels"},
+      {specification, "x=debug=info", "more than one \"=\""},
+      {specification, "[=debug", "pattern \"[\" is not valid"},
+  };
+  for (const Refused& row : cases) {
+    EXPECT_THAT([&row] { row.set(row.text); }, ThrowsMessage<std::exception>(HasSubstr(row.fragment)))
+        << '"' << row.text << '"';
   }
-  EXPECT_EQ(flog::destination(), "file:" + (dir / "good.log"));
+  EXPECT_THROW(flog::set_specification_for(std::chrono::seconds(86401), "debug"), std::invalid_argument);
+  EXPECT_EQ(flog::destination(), "file:good.log");
   EXPECT_EQ(flog::specification(), "warn,proclog.refused=debug");
-  EXPECT_EQ(flog::file_destination_confinement(), dir.path().string());
-  flog::channel("proclog.refused").debug("still here");
-  EXPECT_FALSE(flog::channel("proclog.refused.not").enabled(flog::level::info));
-  EXPECT_THAT(TempDirectory::read(dir / "good.log"), HasSubstr("still here"));
+  EXPECT_FALSE(flog::statistics().pending_restore);
   EXPECT_FALSE(fs::exists(dir / "missing"));
-  EXPECT_EQ(std::distance(fs::directory_iterator(outside.path()), fs::directory_iterator()), 1);
-  EXPECT_EQ(TempDirectory::read(outside / "target.log"), "");
-  flog::set_destination("file:sub/relative.log");  // relative to the confinement
-  flog::channel("proclog.refused").warn("relative");
-  EXPECT_THAT(TempDirectory::read(dir / "sub/relative.log"), HasSubstr("relative"));
-  flog::confine_file_destinations("");
-  flog::set_destination("file:" + (outside / "x.log"));
+  EXPECT_TRUE(fs::is_empty(outside.path()));
+  flog::channel("proclog.refused").debug("still here");
+  EXPECT_THAT(texts(dir / "good.log"), ElementsAre("still here"));
 }
 
-TEST_F(ProcessLog, ChannelsAreListedOnceInCreationOrderAndByPattern) {
-  for (const char* name : {"proclog.list.zeta", "proclog.list.alpha", "other.proclog.list",
-                           "proclog.list.alpha", "proclog.listing"}) {
-    flog::channel{name};
+// At a normal exit the queue of an async: file is written out: the file holds every record, in order.
+TEST_F(ProcessLog, ANormalExitWritesOutTheQueue) {
+  const auto write = [this] {
+    flog::set_destination("async:file:" + (dir / "exited.log"));
+    for (int i = 0; i < 8000; ++i) {  // 8,000 fit the queue: nothing may be dropped
+      flog::channel("proclog.exit").info(std::to_string(i));
+    }
+    std::exit(0);
+  };
+  EXPECT_EXIT(write(), ::testing::ExitedWithCode(0), "");
+  const std::vector<std::string> written = texts(dir / "exited.log");
+  ASSERT_EQ(written.size(), 8000u);
+  for (std::size_t i = 0; i < written.size(); ++i) {
+    ASSERT_EQ(written[i], std::to_string(i));
   }
-  const auto admin = flog::local::admin::get();
-  EXPECT_THAT(admin->getChannels("proclog.list.*"), ElementsAre("proclog.list.zeta", "proclog.list.alpha"));
-  EXPECT_THAT(admin->getChannels("proclog.list*"),
-              ElementsAre("proclog.list.zeta", "proclog.list.alpha", "proclog.listing"));
-  EXPECT_THAT(admin->getChannels("*proclog.list"), ElementsAre("other.proclog.list"));
-  EXPECT_THAT(admin->getChannels("proclog.list"), ::testing::IsEmpty());
-  EXPECT_THAT(admin->getChannels(), ::testing::IsSupersetOf({"proclog.list.zeta", "other.proclog.list"}));
-  EXPECT_THROW(flog::channel(""), std::invalid_argument);
+}
+
+// A stalled destination, twice: the queue keeps the newest 8,192 records in order, counts those it
+// dropped, and once it has room again writes one warning with the drops since the last warning.
+// The audit trail passes the queue, on the writer's own thread.
+TEST_F(ProcessLog, AFullQueueDropsTheOldestCountsThemAndWarnsOncePerOverflow) {
+  constexpr std::uint64_t kQueue = 8192;
+  std::promise<void> entered[2], release[2];
+  std::future<void> reached[2] = {entered[0].get_future(), entered[1].get_future()};
+  std::future<void> released[2] = {release[0].get_future(), release[1].get_future()};
+  std::vector<std::string> warnings, kept;  // written on the queue's thread, read once it is drained
+  std::thread::id auditWriter;
+  int stalls = 0;
+  flog::testing::define_test_destination("proclog.stall", [&](std::string_view record) {
+    if (record.find("[connector.audit]") != std::string_view::npos) {
+      auditWriter = std::this_thread::get_id();
+    } else if (record.find("] stall\n") != std::string_view::npos) {
+      entered[stalls].set_value();
+      released[stalls++].wait();
+    } else {
+      (record.find("[foundation.log]") != std::string_view::npos ? warnings : kept).emplace_back(record);
+    }
+  });
+  flog::set_destination("async:test:proclog.stall");
+  flog::channel(flog::audit_channel_name).info("audited");
+  EXPECT_EQ(auditWriter, std::this_thread::get_id());
+  const flog::channel channel("proclog.drops");
+  const auto before = flog::statistics();
+  const std::uint64_t drops[2] = {5, 3};
+  for (int round = 0; round < 2; ++round) {
+    while (flog::statistics().queued > 0) {  // the stall must find room in the queue
+      std::this_thread::yield();
+    }
+    channel.info("stall");
+    reached[round].wait();  // the stall has left the queue: 8,192 places are free
+    for (std::uint64_t i = 0; i < kQueue + drops[round]; ++i) {
+      channel.info("r" + std::to_string(i));
+    }
+    const auto during = flog::statistics();
+    EXPECT_EQ(during.dropped - before.dropped, drops[0] + round * drops[1]);
+    EXPECT_EQ(during.queued, kQueue);
+    release[round].set_value();
+  }
+  flog::set_destination("null");
+  const std::string warning = " log records were dropped because the async queue of 8192 records was full\n";
+  EXPECT_THAT(warnings,
+              ElementsAre(HasSubstr("[foundation.log] [warning] 5" + warning), HasSubstr("] 3" + warning)));
+  ASSERT_EQ(kept.size(), 2 * kQueue);
+  for (std::uint64_t i = 0; i < kept.size(); ++i) {
+    ASSERT_THAT(kept[i], HasSubstr("[proclog.drops] [info] r" +
+                                   std::to_string(i % kQueue + drops[i / kQueue]) + "\n"));
+  }
+  EXPECT_EQ(flog::statistics().dropped - before.dropped, drops[0] + drops[1]);
+}
+
+// rotating:1K:2:PATH keeps the file and two old ones, each rotated when the next record would
+// pass 1,024 bytes (the records here are all of one length), and the newest records in the file.
+TEST_F(ProcessLog, RotationKeepsFilesOldFilesOfAtMostMaxBytes) {
+  flog::set_destination("rotating:1K:2:" + (dir / "app.log"));
+  for (int i = 10; i < 100; ++i) {
+    flog::channel("proclog.rotation").info("record " + std::to_string(i) + std::string(40, '.'));
+  }
+  flog::set_destination("null");
+  const std::size_t length = TempDirectory::read(dir / "app.log").find('\n') + 1;
+  for (const char* name : {"app.log", "app.1.log", "app.2.log"}) {
+    EXPECT_EQ(fs::file_size(dir / name), 1024 / length * length) << name;
+  }
+  EXPECT_FALSE(fs::exists(dir / "app.3.log"));
+  EXPECT_THAT(texts(dir / "app.log").back(), HasSubstr("record 99."));
+}
+
+// After an outside tool renamed the file, reopening starts a new one under the name: the two files
+// hold every record exactly once and in order, those written before the reopen in the renamed one.
+// A destination without a file refuses to reopen.
+TEST_F(ProcessLog, ReopeningAfterARenameSplitsTheRecordsAcrossTheTwoFiles) {
+  const flog::channel channel("proclog.reopen");
+  for (const std::string prefix : {"file:", "rotating:1M:2:", "async:file:"}) {
+    fs::remove(dir / "app.log");
+    flog::set_destination(prefix + (dir / "app.log"));
+    channel.info("before");
+    fs::rename(dir / "app.log", dir / "renamed.log");
+    channel.info("renamed");
+    flog::reopen();
+    channel.info("after");
+    flog::set_destination("null");
+    std::vector<std::string> both = texts(dir / "renamed.log");
+    // Behind async: the split depends on how far the queue's thread had got at each step.
+    EXPECT_TRUE(prefix == "async:file:" || both.size() == 2u) << prefix;
+    for (const std::string& text : texts(dir / "app.log")) {
+      both.push_back(text);
+    }
+    EXPECT_THAT(both, ElementsAre("before", "renamed", "after")) << prefix;
+  }
+  EXPECT_THROW(flog::reopen(), std::invalid_argument);
+}
+
+// A timed specification is restored when its time is up, unless another was set meanwhile: the
+// first restore below is cancelled by a plain set, so only the second one happens.
+TEST_F(ProcessLog, ATimedSpecificationIsRestoredUnlessAnotherWasSetMeanwhile) {
+  flog::set_specification_for(std::chrono::seconds(1), "debug");
+  flog::set_specification("warn");
+  EXPECT_FALSE(flog::statistics().pending_restore);
+  flog::set_specification_for(std::chrono::seconds(1), "trace");
+  const auto pending = flog::statistics().pending_restore;
+  ASSERT_TRUE(pending);
+  EXPECT_EQ(pending->specification, "warn");
+  EXPECT_EQ(pending->remaining, std::chrono::seconds(1));
+  EXPECT_TRUE(flog::channel("proclog.timed").enabled(flog::level::trace));
+  while (flog::specification() == "trace") {  // the restoring thread's turn; the time-out bounds it
+    std::this_thread::yield();
+  }
+  EXPECT_EQ(flog::specification(), "warn");
+  EXPECT_FALSE(flog::statistics().pending_restore);
+  EXPECT_FALSE(flog::channel("proclog.timed").enabled(flog::level::info));
 }
 
 }  // namespace
