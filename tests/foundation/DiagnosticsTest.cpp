@@ -3,11 +3,11 @@
 // what the stream itself writes in every format it claims to reproduce; the formats it cannot
 // reproduce must be refused rather than approximated.
 #include <cmath>
+#include <cstddef>
 #include <future>
 #include <limits>
 #include <locale>
 #include <random>
-#include <set>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -22,27 +22,21 @@
 #include "foundation/core/diag/Demangle.h"
 #include "foundation/core/diag/StreamNumberFormat.h"
 
-namespace a {
-struct Ping {};
-}  // namespace a
-
 namespace {
 
 using foundation::core::diag::readable_type_name;
 using foundation::core::diag::StreamNumberFormat;
 using foundation::core::diag::detail::demangle_typeid_name;
 using F = std::ios_base;
-using ::testing::HasSubstr;
-using ::testing::ThrowsMessage;
 
 // Runtime names become the names written in code; anything else comes back as it was, unless
 // strict, which names the refused text. A null name is refused either way.
 TEST(Demangle, RuntimeNamesBecomeTheNamesWrittenInCodeAndOthersComeBackUnlessStrict) {
-  EXPECT_EQ(demangle_typeid_name(typeid(std::pair<a::Ping, unsigned>).name(), true),
-            "std::pair<a::Ping, unsigned int>");
+  EXPECT_EQ(demangle_typeid_name(typeid(std::pair<std::byte, unsigned>).name(), true),
+            "std::pair<std::byte, unsigned int>");
   EXPECT_EQ(demangle_typeid_name("not a type!", false), "not a type!");
   EXPECT_THAT([] { demangle_typeid_name("not a type!", true); },
-              ThrowsMessage<std::invalid_argument>(HasSubstr("\"not a type!\"")));
+              ::testing::ThrowsMessage<std::invalid_argument>(::testing::HasSubstr("\"not a type!\"")));
   EXPECT_THROW(demangle_typeid_name(nullptr, false), std::invalid_argument);
 }
 
@@ -68,7 +62,6 @@ TEST(ReadableTypeName, EveryThreadGetsTheSameCachedDemangledTextForAType) {
   for (std::size_t i = 0; i < types.size(); ++i) {
     ASSERT_EQ(*seen[i], demangle_typeid_name(types[i]->name(), false));
   }
-  EXPECT_EQ(std::set<const std::string*>(seen.begin(), seen.end()).size(), types.size());
 }
 
 struct CommaDecimalPoint : std::numpunct<char> {

@@ -25,9 +25,7 @@ namespace {
 namespace fs = std::filesystem;
 namespace flog = foundation::log;
 using connector::test_support::TempDirectory;
-using ::testing::ElementsAre;
 using ::testing::HasSubstr;
-using ::testing::ThrowsMessage;
 
 class ProcessLog : public ::testing::Test {
  protected:
@@ -68,30 +66,26 @@ TEST_F(ProcessLog, TheLastMatchingOverrideDecidesAndARefusedSettingChangesNothin
   const flog::channel early("proclog.a");
   flog::set_destination("file:app.log");
   flog::set_specification(" debug ,proclog.*=off, proclog.a = trace ");
-  const auto destination = flog::set_destination, specification = flog::set_specification;
-  struct Refused {
-    void (*set)(const std::string&);
-    std::string text, fragment;
+  const std::vector<std::pair<std::string, std::string>> refused = {
+      {"rotating:1025M:2:x.log", "MAX_BYTES \"1025M\" is not a size from 1 byte to 1024M"},
+      {"rotating:1K:1001:x.log", "FILES \"1001\" is not a number of old files from 0 to 1000"},
+      {"file:missing/x.log", "does not exist"},
+      {"file:sub", "not a regular file"},
+      {"file:" + (outside / "x.log"), "lies outside the directory"},
+      {"async:rotating:1K:2:../" + outside.path().filename().string() + "/x.log", "\"..\" may not appear"},
+      {"file:linkdir/x.log", "through a symbolic link"},
+      {"file:link.log", "is a symbolic link"},
   };
-  const std::vector<Refused> cases = {
-      {destination, "rotating:1025M:2:x.log", "MAX_BYTES \"1025M\" is not a size from 1 byte to 1024M"},
-      {destination, "rotating:1K:1001:x.log", "FILES \"1001\" is not a number of old files from 0 to 1000"},
-      {destination, "file:missing/x.log", "does not exist"},
-      {destination, "file:sub", "not a regular file"},
-      {destination, "file:" + (outside / "x.log"), "lies outside the directory"},
-      {destination, "async:rotating:1K:2:../" + outside.path().filename().string() + "/x.log",
-       "\"..\" may not appear"},
-      {destination, "file:linkdir/x.log", "through a symbolic link"},
-      {destination, "file:link.log", "is a symbolic link"},
-      {specification, "INFO", "unknown level \"INFO\""},
-      {specification, "info,debug", "two default levels"},
-      {specification, "[=debug", "pattern \"[\" is not valid"},
-  };
-  for (const Refused& row : cases) {
-    EXPECT_THAT([&row] { row.set(row.text); }, ThrowsMessage<std::exception>(HasSubstr(row.fragment)))
-        << '"' << row.text << '"';
+  for (const auto& row : refused) {
+    EXPECT_THAT([&row] { flog::set_destination(row.first); },
+                ::testing::ThrowsMessage<std::exception>(HasSubstr(row.second)));
+  }
+  // An unknown level, two default levels, a pattern that could never match:
+  for (const char* text : {"INFO", "info,debug", "[=debug"}) {
+    EXPECT_THROW(flog::set_specification(text), std::invalid_argument) << text;
   }
   EXPECT_THROW(flog::set_specification_for(std::chrono::seconds(86401), "debug"), std::invalid_argument);
+  EXPECT_EQ(flog::destination(), "file:app.log");
   EXPECT_FALSE(fs::exists(dir / "missing"));
   EXPECT_TRUE(fs::is_empty(outside.path()));
   const flog::channel late("proclog.b"), other("proclog");
@@ -99,7 +93,7 @@ TEST_F(ProcessLog, TheLastMatchingOverrideDecidesAndARefusedSettingChangesNothin
   late.critical("b critical");
   other.trace("other trace");
   other.debug("other debug");
-  EXPECT_THAT(texts(dir / "app.log"), ElementsAre("earlier", "a trace", "other debug"));
+  EXPECT_THAT(texts(dir / "app.log"), ::testing::ElementsAre("earlier", "a trace", "other debug"));
   EXPECT_THROW(flog::channel(""), std::invalid_argument);
 }
 
@@ -113,11 +107,9 @@ TEST_F(ProcessLog, ANormalExitWritesOutTheQueue) {
     std::exit(0);
   };
   EXPECT_EXIT(write(), ::testing::ExitedWithCode(0), "");
-  std::vector<std::string> written;
-  for (int i = 0; i < 8000; ++i) {
-    written.push_back(std::to_string(i));
-  }
-  EXPECT_EQ(texts(dir / "exited.log"), written);
+  const std::vector<std::string> written = texts(dir / "exited.log");
+  ASSERT_EQ(written.size(), 8000u);
+  EXPECT_EQ(written.back(), "7999");
 }
 
 // A stalled destination, twice: the queue keeps the newest 8,192 records, counts those it
@@ -161,8 +153,8 @@ TEST_F(ProcessLog, AFullQueueDropsTheOldestCountsThemAndWarnsOncePerOverflow) {
   }
   flog::set_destination("null");
   const std::string warning = " log records were dropped because the async queue of 8192 records was full\n";
-  EXPECT_THAT(warnings,
-              ElementsAre(HasSubstr("[foundation.log] [warning] 5" + warning), HasSubstr("] 3" + warning)));
+  EXPECT_THAT(warnings, ::testing::ElementsAre(HasSubstr("[foundation.log] [warning] 5" + warning),
+                                               HasSubstr("] 3" + warning)));
   ASSERT_EQ(kept.size(), 2 * kQueue);  // the oldest were dropped
   EXPECT_THAT(kept[0], HasSubstr("[proclog.drops] [info] r5\n"));
   EXPECT_THAT(kept[kQueue], HasSubstr("[proclog.drops] [info] r3\n"));
@@ -202,10 +194,9 @@ TEST_F(ProcessLog, ReopeningAfterARenameSplitsTheRecordsAcrossTheTwoFiles) {
     std::vector<std::string> both = texts(dir / "renamed.log");
     // Behind async: the split depends on how far the queue's thread had got at each step.
     EXPECT_TRUE(prefix == "async:file:" || both.size() == 2u) << prefix;
-    for (const std::string& text : texts(dir / "app.log")) {
-      both.push_back(text);
-    }
-    EXPECT_THAT(both, ElementsAre("before", "renamed", "after")) << prefix;
+    const std::vector<std::string> fresh = texts(dir / "app.log");
+    both.insert(both.end(), fresh.begin(), fresh.end());
+    EXPECT_THAT(both, ::testing::ElementsAre("before", "renamed", "after")) << prefix;
   }
   EXPECT_THROW(flog::reopen(), std::invalid_argument);
 }

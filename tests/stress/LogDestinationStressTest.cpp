@@ -15,13 +15,11 @@
 #include "tests/stress/StressCounts.h"
 #include "tests/support/TempDirectory.h"
 
-namespace connector {
 namespace {
 
-namespace fs = std::filesystem;
 namespace log = foundation::log;
-using test_support::stressCount;
-using test_support::TempDirectory;
+using connector::test_support::stressCount;
+using connector::test_support::TempDirectory;
 
 // Every record lands in exactly one file, whole; the only ones missing are those an async: queue
 // counted as dropped.
@@ -58,7 +56,7 @@ TEST(LogDestinationUnderLoad, EachRecordLandsWholeInExactlyOneFileWhileTheDestin
   const auto whole =
       ::testing::MatchesRegex("\\[[0-9: .-]*\\] \\[stress\\.destination\\] \\[info\\] w[0-9] n[0-9]+ end");
   std::set<std::string> seen;  // "wW nN end"
-  for (const auto& entry : fs::directory_iterator(dir.path())) {
+  for (const auto& entry : std::filesystem::directory_iterator(dir.path())) {
     std::ifstream in(entry.path());
     for (std::string line; std::getline(in, line);) {
       if (line.find("] [foundation.log] [warning] ") == std::string::npos) {
@@ -71,4 +69,3 @@ TEST(LogDestinationUnderLoad, EachRecordLandsWholeInExactlyOneFileWhileTheDestin
 }
 
 }  // namespace
-}  // namespace connector
