@@ -105,26 +105,25 @@ TEST(StreamNumberFormat, WritesWhatTheStreamWritesOrRefusesTheFormat) {
                    (100000 + i + 0.49999999) * 1000, (2 * i + 1) * 0.5, 100000.5 + i, 1.0000005 + i});
   }
   for (const std::locale& locale : {classic, comma}) {
-    for (const F::fmtflags notation : {F::dec, F::fixed, F::scientific}) {
-      for (const F::fmtflags extra : {F::skipws, F::uppercase | F::showpos}) {
-        for (const std::streamsize precision : {0, 2, 6, 17, 50, -3}) {
-          const F::fmtflags flags = notation | extra;
-          std::ostringstream stream = streamWith(flags, precision, locale);
-          const std::optional<StreamNumberFormat> format = StreamNumberFormat::of(stream);
-          ASSERT_TRUE(format) << "flags " << flags << ", precision " << precision;
-          char text[StreamNumberFormat::kMaxText];
-          const auto mismatch = [&](auto value) {
-            stream.str("");
-            stream << value;
-            const std::string ours(text, format->write(text, value));
-            return ours == stream.str() ? std::string() : ours + " where the stream writes " + stream.str();
-          };
-          for (const double value : values) {
-            ASSERT_EQ(mismatch(value), "") << "flags " << flags << ", precision " << precision;
-          }
-          for (const unsigned long whole : {0UL, 7UL, 4294967295UL, 18446744073709551615UL}) {
-            ASSERT_EQ(mismatch(whole), "") << "flags " << flags << ", precision " << precision;
-          }
+    for (const F::fmtflags flags :
+         {F::dec, F::fixed, F::scientific, F::dec | F::uppercase | F::showpos,
+          F::fixed | F::uppercase | F::showpos, F::scientific | F::uppercase | F::showpos}) {
+      for (const std::streamsize precision : {0, 2, 6, 17, 50, -3}) {
+        std::ostringstream stream = streamWith(flags, precision, locale);
+        const std::optional<StreamNumberFormat> format = StreamNumberFormat::of(stream);
+        ASSERT_TRUE(format) << "flags " << flags << ", precision " << precision;
+        char text[StreamNumberFormat::kMaxText];
+        const auto mismatch = [&](auto value) {
+          stream.str("");
+          stream << value;
+          const std::string ours(text, format->write(text, value));
+          return ours == stream.str() ? std::string() : ours + " where the stream writes " + stream.str();
+        };
+        for (const double value : values) {
+          ASSERT_EQ(mismatch(value), "") << "flags " << flags << ", precision " << precision;
+        }
+        for (const unsigned long whole : {0UL, 7UL, 4294967295UL, 18446744073709551615UL}) {
+          ASSERT_EQ(mismatch(whole), "") << "flags " << flags << ", precision " << precision;
         }
       }
     }
