@@ -1,6 +1,6 @@
 // The process log, for real: records are read back from files in a fresh temporary directory or
-// from a test destination. The log is process-wide: every test starts and ends with no
-// confinement, the specification "info" and the destination "null", and uses channels of its own.
+// from a test destination. The log is process-wide: the fixture resets it around every test, and
+// each test uses channels of its own.
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
@@ -18,6 +18,7 @@
 
 #include "foundation/log/Log.h"
 #include "foundation/log/TestDestination.h"
+#include "tests/support/ProcessLogFixture.h"
 #include "tests/support/TempDirectory.h"
 
 namespace {
@@ -27,15 +28,8 @@ namespace flog = foundation::log;
 using connector::test_support::TempDirectory;
 using ::testing::HasSubstr;
 
-class ProcessLog : public ::testing::Test {
+class ProcessLog : public connector::test_support::ProcessLogFixture {
  protected:
-  void SetUp() override { TearDown(); }
-  void TearDown() override {
-    flog::confine_file_destinations("");
-    flog::set_specification("info");
-    flog::set_destination("null");
-  }
-
   // The texts of a file's records, in order: each line with everything up to the last "] " cut off.
   static std::vector<std::string> texts(const std::string& file) {
     std::istringstream in(TempDirectory::read(file));
