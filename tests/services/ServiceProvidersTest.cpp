@@ -11,7 +11,6 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <memory>
@@ -97,20 +96,14 @@ std::string response(const std::string& n, const std::string& type) {
   return kTime + ": Response \\(" + n + "\\): " + type + ": elapsed time " + kTime + " ms";
 }
 
-// A string buffer that counts its sync() calls, refuses every write after the first `writable`,
-// and notes a write that begins while another is under way (letting other threads in meanwhile).
+// A string buffer that counts its sync() calls and refuses every write after the first
+// `writable`.
 struct RecordingBuffer : std::stringbuf {
   int syncs = 0;
   int writable = 1000;
-  std::atomic<int> inside{0};
-  std::atomic<bool> overlapped{false};
   int sync() override { return ++syncs, std::stringbuf::sync(); }
   std::streamsize xsputn(const char* text, std::streamsize size) override {
-    overlapped = inside.fetch_add(1) > 0 || overlapped;
-    std::this_thread::yield();
-    const std::streamsize written = writable-- > 0 ? std::stringbuf::xsputn(text, size) : 0;
-    inside.fetch_sub(1);
-    return written;
+    return writable-- > 0 ? std::stringbuf::xsputn(text, size) : 0;
   }
 };
 
@@ -187,19 +180,6 @@ TEST(LoggingLines, TimesAreMillisecondsSinceConstructionAndSinceTheRequest) {
   EXPECT_GE(elapsed, ms(wait));
   EXPECT_LE(elapsed, ms(after - before));
   EXPECT_NEAR(responded - requested, elapsed, 1e-6);
-}
-
-// Concurrent requests write to the stream one line at a time.
-TEST_F(LoggingProvider, ConcurrentRequestsWriteOneLineAtATime) {
-  const auto deliver = [&] {
-    for (int i = 0; i < 1000; ++i) {
-      send(echoing());
-    }
-  };
-  std::thread other(deliver);
-  deliver();
-  other.join();
-  EXPECT_FALSE(buffer.overlapped);
 }
 
 // The request line is flushed before the request goes on; each line reads the prefix as it is
