@@ -225,6 +225,31 @@ TEST(ConfigurationStore, ASubscriptionGetsTheCurrentValueThenEachChangeAsRequest
   EXPECT_EQ(inside->values, (std::vector<int>{4, 5}));
 }
 
+// Setters on several threads while subscribers come and go: a subscriber that stays sees each
+// thread's values in that thread's order and ends on the effective value.
+TEST(ConfigurationStore, ConcurrentSettersAndSubscribersSeeEachThreadsChangesInOrder) {
+  host::ConfigurationStore store;
+  auto steady = subscribe(store, "k", UINT64_MAX);
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 3; ++t) {
+    threads.emplace_back([&store, t] {
+      for (int i = 1; i <= 300; ++i) {
+        store.set("k", t * 1000 + i, "thread" + std::to_string(t));
+        subscribe(store, "k", UINT64_MAX)->cancel();
+      }
+    });
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  std::vector<int> last(3, 0);
+  for (int value : steady->values) {
+    EXPECT_GT(value % 1000, last[value / 1000]) << "a thread's values arrived out of order";
+    last[value / 1000] = value % 1000;
+  }
+  EXPECT_EQ(steady->values.back(), boost::get<int>(store.get("k")->value));
+}
+
 // ---- Command registry ----
 
 // A command "Does NAME." whose handler answers how many arguments it was given.
