@@ -18,14 +18,12 @@
 namespace connector {
 namespace {
 
-using MessagePtr = std::unique_ptr<Message>;
-
-// A failed allocation of the box leaves the state Pending and the value with the caller; a
-// rejection with an empty exception is reported by get() as a runtime_error.
+// A failed allocation of the box leaves the state Pending and the value with the caller (each
+// armed failure is used up by the call under test); a rejection with an empty exception is
+// reported by get() as a runtime_error.
 TEST(SharedFutureState, FailuresLeaveTheStateAsItWas) {
-  test_support::NoAllocationFailureOnExit disarm;
-  Promise<MessagePtr> promise;
-  MessagePtr value = std::make_unique<test_support::CountedMessage>();
+  Promise<std::unique_ptr<Message>> promise;
+  std::unique_ptr<Message> value = std::make_unique<test_support::CountedMessage>();
   test_support::failAllocation(1);
   EXPECT_THROW(promise.resolve(std::move(value)), std::bad_alloc);
   EXPECT_NE(value, nullptr);

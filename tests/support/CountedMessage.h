@@ -14,21 +14,17 @@ namespace test_support {
 
 class CountedMessage : public Message {
  public:
-  explicit CountedMessage(std::string text = {}) : text_(std::move(text)) { live().fetch_add(1); }
-  CountedMessage(const CountedMessage& other) : Message(other), text_(other.text_) { live().fetch_add(1); }
-  CountedMessage& operator=(const CountedMessage&) = default;
-  ~CountedMessage() override { live().fetch_sub(1); }
+  explicit CountedMessage(std::string text = {}) : text_(std::move(text)) { live_.fetch_add(1); }
+  CountedMessage(const CountedMessage&) = delete;
+  ~CountedMessage() override { live_.fetch_sub(1); }
 
   const std::string& text() const { return text_; }
 
   // Instances alive right now, across all threads.
-  static long alive() { return live().load(); }
+  static long alive() { return live_.load(); }
 
  private:
-  static std::atomic<long>& live() {
-    static std::atomic<long> count{0};
-    return count;
-  }
+  static inline std::atomic<long> live_{0};
   std::string text_;
 };
 

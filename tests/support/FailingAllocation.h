@@ -30,11 +30,6 @@ inline void failAllocation(long n) {
   allocation_detail::failCountdown = n;
 }
 
-// Disarms failAllocation() when a test leaves early.
-struct NoAllocationFailureOnExit {
-  ~NoAllocationFailureOnExit() { allocation_detail::failCountdown = 0; }
-};
-
 }  // namespace test_support
 }  // namespace connector
 

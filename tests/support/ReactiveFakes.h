@@ -41,28 +41,20 @@ class FakePublisher : public reactive_streams::Publisher<T> {
   std::function<void(const SubscriberPtr&)> onSubscribed;
 
   void subscribe(SubscriberPtr subscriber) override {
-    if (subscribeFailure) {
-      std::rethrow_exception(subscribeFailure);
-    }
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      subscribers_.push_back(subscriber);
-    }
-    if (onSubscribed) {
-      onSubscribed(subscriber);
-    }
+    subscribeFailure ? std::rethrow_exception(subscribeFailure) : void();
+    std::unique_lock<std::mutex> lock(mutex_);
+    subscribers_.push_back(subscriber);
+    lock.unlock();
+    onSubscribed ? onSubscribed(subscriber) : void();
   }
 
   // Sends a copy of `value` to every subscriber kept now, in order of subscription.
   void publish(const T& value) {
-    std::vector<SubscriberPtr> targets;
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      targets = subscribers_;
-    }
+    std::unique_lock<std::mutex> lock(mutex_);
+    const std::vector<SubscriberPtr> targets = subscribers_;
+    lock.unlock();
     for (const SubscriberPtr& each : targets) {
-      T copy(value);
-      each->onNext(std::move(copy));
+      each->onNext(T(value));
     }
   }
 
