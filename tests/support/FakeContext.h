@@ -1,7 +1,7 @@
 // A delivery context whose answer the test decides, for tests of providers that pass requests on.
 //
 // FakeContext::forward() counts its calls and returns whatever its Answer makes of the message:
-// the answers below cover an echo, a throw, and a rejection or a cancelled or unknown status.
+// the answers below cover an echo and a throw.
 //
 // Threads: forward() may be called from any thread, concurrently; the answer runs on the calling
 // thread with no lock held. The answer is set before the context is shared.
@@ -45,16 +45,6 @@ inline Answer echoing() {
 // forward() itself throws `error`.
 inline Answer throwing(std::exception_ptr error) {
   return [error](MessagePtr&&) -> Future<MessagePtr> { std::rethrow_exception(error); };
-}
-
-// A settled future in `status`, Rejected with `error` or in a status no promise leaves; the
-// request is dropped.
-inline Answer settled(detail::Status status, std::exception_ptr error = nullptr) {
-  return [status, error](MessagePtr&&) {
-    auto state = std::make_shared<detail::SharedFutureState<MessagePtr>>();
-    status == detail::Status::Rejected ? state->rejectFresh(error) : state->status.store(status);
-    return Future<MessagePtr>(state);
-  };
 }
 
 }  // namespace test_support
