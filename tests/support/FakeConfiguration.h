@@ -46,15 +46,15 @@ class FakeConfiguration : public configuration::Configuration {
     if (failAt == "subscribe " + key) {
       publisher->subscribeFailure = std::make_exception_ptr(std::runtime_error(failAt));
     }
-    publisher->onSubscribed = [this, key](const Publisher::SubscriberPtr& subscriber) {
-      auto subscription = std::make_shared<FakeSubscription>();
-      subscription->onCancel = [this, key] {
-        std::lock_guard<std::mutex> lock(mutex_);
-        cancelled_.push_back(key);
-      };
+    auto subscription = std::make_shared<FakeSubscription>();
+    subscription->onCancel = [this, key] {
+      std::lock_guard<std::mutex> lock(mutex_);
+      cancelled_.push_back(key);
+    };
+    // The publisher holds the subscription, which the subscriber holds only weakly.
+    publisher->onSubscribed = [this, key, subscription](const Publisher::SubscriberPtr& subscriber) {
       subscriber->onSubscribe(subscription);
       std::unique_lock<std::mutex> lock(mutex_);
-      subscriptions_.push_back(subscription);  // the subscriber holds it only weakly
       const auto current = values_.find(key);
       if (current != values_.end()) {
         ConfigValue value = current->second;
@@ -69,11 +69,9 @@ class FakeConfiguration : public configuration::Configuration {
 
   // Sends `value` to every subscriber of `key`.
   void send(const std::string& key, const ConfigValue& value) {
-    std::vector<std::shared_ptr<Publisher>> targets;
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      targets = publishers_[key];
-    }
+    std::unique_lock<std::mutex> lock(mutex_);
+    const std::vector<std::shared_ptr<Publisher>> targets = publishers_[key];
+    lock.unlock();
     for (const auto& publisher : targets) {
       publisher->publish(value);
     }
@@ -89,7 +87,6 @@ class FakeConfiguration : public configuration::Configuration {
   mutable std::mutex mutex_;
   std::map<std::string, ConfigValue> values_;                                  // guarded by mutex_
   std::map<std::string, std::vector<std::shared_ptr<Publisher>>> publishers_;  // guarded by mutex_
-  std::vector<std::shared_ptr<FakeSubscription>> subscriptions_;               // guarded by mutex_
   std::vector<std::string> cancelled_;                                         // guarded by mutex_
 };
 
