@@ -10,7 +10,6 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <memory>
@@ -44,6 +43,7 @@ struct LoggingServiceProviderPeer {
 }  // namespace connector::common_services
 
 namespace app {
+struct Order : connector::Message {};
 struct Ping : connector::Message {};
 struct Pong : connector::Message {};
 struct Subclass {};
@@ -62,14 +62,8 @@ using ::testing::ContainsRegex;
 using ::testing::MatchesRegex;
 using namespace std::string_literals;
 
-namespace shop {
-struct Order : Message {};
-struct Ping : Message {};
-}  // namespace shop
-
 Future<MessagePtr> deliver(ServiceProvider& provider, MessagePtr message, Answer answer) {
-  return provider.deliver(std::move(message), Address("api"),
-                          std::make_shared<FakeContext>(std::move(answer)));
+  return provider.deliver(std::move(message), {}, std::make_shared<FakeContext>(std::move(answer)));
 }
 
 // The answer is settled before deliver() returns and holds the very message delivered. It costs
@@ -176,16 +170,16 @@ TEST(LoggingLines, TimesAreMillisecondsSinceConstructionAndSinceTheRequest) {
 }
 
 // The request line is flushed before the request goes on; each line reads the prefix as it is
-// written; the response line names the response's type.
+// written; the response line names the response's type (which the caller gets, as the fuzzer
+// checks).
 TEST_F(LoggingProvider, TheRequestLineIsOutBeforeTheRequestGoesOnAndEachLineReadsThePrefix) {
   configuration->send("svc.prefix", std::string("<"));
-  MessagePtr answer = send([&](MessagePtr&&) {
-                        EXPECT_EQ(buffer.syncs, 1);
-                        EXPECT_THAT(written(), MatchesRegex("<" + request("0", "app::Ping") + "\n"));
-                        configuration->send("svc.prefix", std::string(">"));
-                        return makeResolvedFuture<MessagePtr>(std::make_unique<app::Pong>());
-                      }).get();
-  EXPECT_NE(dynamic_cast<app::Pong*>(answer.get()), nullptr);
+  send([&](MessagePtr&&) {
+    EXPECT_EQ(buffer.syncs, 1);
+    EXPECT_THAT(written(), MatchesRegex("<" + request("0", "app::Ping") + "\n"));
+    configuration->send("svc.prefix", std::string(">"));
+    return makeResolvedFuture<MessagePtr>(std::make_unique<app::Pong>());
+  }).get();
   EXPECT_THAT(written(), MatchesRegex(">" + response("0", "app::Pong") + "\n"));
 }
 
@@ -203,7 +197,6 @@ TEST_F(LoggingProvider, AStreamFailureLeavesDeliverOnAStreamThatThrows) {
     EXPECT_EQ(context->forwardCount(), writable);
     EXPECT_EQ(message != nullptr, writable == 0);
   }
-  EXPECT_THAT(written(), MatchesRegex(request("1", "app::Ping") + "\n"));
 }
 
 // Filtered out (or off, which the fuzzer checks): nothing is written and the context's own
@@ -218,7 +211,6 @@ TEST_F(LoggingProvider, ARequestNotSelectedPassesThroughUntouched) {
   MessagePtr message = std::make_unique<app::Ping>();
   EXPECT_THROW(provider.deliver(std::move(message), Address("svc"), nullptr), std::invalid_argument);
   EXPECT_NE(message, nullptr);
-  EXPECT_EQ(written(), "");
 }
 
 // Numbers wrap to 0 after 4294967295; a readable name holding "class " loses its first six
@@ -272,22 +264,21 @@ TEST(AccessLogSelection, FollowsThePrecedenceForEveryCombination) {
         for (const int sampleEvery : {1, 2})
           for (const bool excluded : {false, true})
             for (const bool fails : {false, true}) {
-              Log log(
-                  {{"enabled", enabled},
-                   {"errorsOnly", errorsOnly},
-                   {"slowerThanUs", slowerThanUs},
-                   {"sampleEvery", sampleEvery},
-                   {"exclude", excluded ? "other, connector::(anonymous namespace)::shop::Ord"s : "other"s}});
+              Log log({{"enabled", enabled},
+                       {"errorsOnly", errorsOnly},
+                       {"slowerThanUs", slowerThanUs},
+                       {"sampleEvery", sampleEvery},
+                       {"exclude", excluded ? "other, app::Ord"s : "other"s}});
               const bool slow = slowerThanUs == 1;  // an answer that takes 3 us or more is then slow
               const auto error = std::make_exception_ptr(std::runtime_error("failed"));
               std::string expected, written;
               for (int number = 0; number < 2; ++number) {
                 Promise<MessagePtr> promise;
-                Future<MessagePtr> answer = deliver(log.provider, std::make_unique<shop::Order>(),
+                Future<MessagePtr> answer = deliver(log.provider, std::make_unique<app::Order>(),
                                                     [&](MessagePtr&&) { return promise.getFuture(); });
                 EXPECT_EQ(log.lines().size() * 2, expected.size());
                 std::this_thread::sleep_for(std::chrono::microseconds(slow ? 3 : 0));
-                MessagePtr response = std::make_unique<shop::Order>();
+                MessagePtr response = std::make_unique<app::Order>();
                 const Message* const sent = response.get();
                 fails ? promise.reject(error) : promise.resolve(std::move(response));
                 try {
@@ -328,16 +319,14 @@ TEST(AccessLogSettings, RefusesWrongTypesAndRangesAndKeepsTheSetting) {
   }
   // Every setting kept its value: text lines of every request, to the file, with number, type,
   // outcome (an exception of forward() itself too), elapsed time and start.
-  deliver(log.provider, std::make_unique<shop::Order>(), echoing()).get();
-  EXPECT_THROW(deliver(log.provider, std::make_unique<shop::Ping>(),
-                       throwing(std::make_exception_ptr(std::logic_error("no \"route\"")))),
+  deliver(log.provider, std::make_unique<app::Order>(), echoing()).get();
+  EXPECT_THROW(deliver(log.provider, std::make_unique<app::Ping>(),
+                       throwing(std::make_exception_ptr(std::logic_error("\"")))),
                std::logic_error);
-  EXPECT_THAT(
-      log.lines(),
-      ::testing::ElementsAre(
-          MatchesRegex("0 .*::shop::Order ok elapsed_us=[0-9]+ " + kStart),
-          MatchesRegex("1 .*::shop::Ping std::logic_error \"no \\\\\"route\\\\\"\" elapsed_us=[0-9]+ " +
-                       kStart)));
+  EXPECT_THAT(log.lines(),
+              ::testing::ElementsAre(
+                  MatchesRegex("0 app::Order ok elapsed_us=[0-9]+ " + kStart),
+                  MatchesRegex("1 app::Ping std::logic_error \"\\\\\"\" elapsed_us=[0-9]+ " + kStart)));
   foundation::log::set_destination(previous);
   const std::string records = TempDirectory::read(directory / "process.log");
   for (const auto& [key, value, shown] : cases) {
@@ -352,14 +341,14 @@ TEST(AccessLogJson, EveryLineParsesWhateverTheExceptionSays) {
   const std::vector<std::string> texts = {"quote \" backslash \\ slash /", "new\nline\ttab\x01\x1f",
                                           "caf\xc3\xa9 \xe2\x82\xac", "bad \xff\xfe utf-8 \xc3", ""};
   for (const std::string& text : texts) {
-    deliver(log.provider, std::make_unique<shop::Ping>(),
+    deliver(log.provider, std::make_unique<app::Ping>(),
             [&](MessagePtr&&) { return makeRejectedFuture<MessagePtr>(std::runtime_error(text)); });
   }
   const std::vector<std::string> lines = log.lines();
   ASSERT_EQ(lines.size(), texts.size());
   for (std::size_t i = 0; i < texts.size(); ++i) {
-    const nlohmann::json failed = nlohmann::json::parse(lines[i]);
-    EXPECT_EQ(failed["what"], i == 3 ? "bad \xef\xbf\xbd\xef\xbf\xbd utf-8 \xef\xbf\xbd" : texts[i]);
+    EXPECT_EQ(nlohmann::json::parse(lines[i])["what"],
+              i == 3 ? "bad \xef\xbf\xbd\xef\xbf\xbd utf-8 \xef\xbf\xbd" : texts[i]);
   }
 }
 
@@ -380,7 +369,6 @@ TEST(LatencyHistogram, BucketsArePowersOfTwoMicrosecondsAndPercentilesTheirBound
   LatencyCounts slowOnly{};
   slowOnly[kOverflowBucket] = 1;
   EXPECT_EQ(summarizeLatencies(slowOnly, 90000000).p50, 90000000u);
-  EXPECT_EQ(summarizeLatencies(LatencyCounts{}, 0).p99, 0u);
 }
 
 // Slowest first; the fastest kept leaves for a slower one; a tie keeps the earlier request.
@@ -399,47 +387,42 @@ TEST(SlowestRequestsList, KeepsTheSlowestInOrderAndEvictsTheFastest) {
 
 // Requests in flight, oldest first, until they complete (deliver() does not wait for them); counts
 // by type, filtered by prefix (the listing's form is left to the shell's transcript); the slowest
-// list, 10 by default and at most 32; a reset zeroes them all, and a handler still answers once
-// the provider is gone.
+// list, 10 by default and at most 32 (the shell's transcript asks for 3); a reset zeroes them all, and a
+// handler still answers once the provider is gone.
 TEST(StatisticsProvider, ListsCountsAndResets) {
   auto administration = std::make_shared<FakeAdministration>();
   auto provider = std::make_unique<common_services::StatisticsServiceProvider>(administration, "metrics");
   const auto run = [&](const std::string& command, std::vector<std::string> arguments) {
     return administration->run("metrics." + command, std::move(arguments));
   };
-  const auto lines = [&](std::vector<std::string> arguments) {
-    const std::string text = run("slowest", std::move(arguments));
-    return std::count(text.begin(), text.end(), '\n');
-  };
   Promise<MessagePtr> first, second;
-  deliver(*provider, std::make_unique<shop::Order>(), [&](MessagePtr&&) { return first.getFuture(); });
-  deliver(*provider, std::make_unique<shop::Ping>(), [&](MessagePtr&&) { return second.getFuture(); });
-  EXPECT_THAT(
-      run("inflight", {}),
-      MatchesRegex("[0-9]+ [^\n]*::shop::Order age_us=[0-9]+\n[0-9]+ [^\n]*::shop::Ping age_us=[0-9]+\n"));
+  deliver(*provider, std::make_unique<app::Order>(), [&](MessagePtr&&) { return first.getFuture(); });
+  deliver(*provider, std::make_unique<app::Ping>(), [&](MessagePtr&&) { return second.getFuture(); });
+  EXPECT_THAT(run("inflight", {}),
+              MatchesRegex("[0-9]+ app::Order age_us=[0-9]+\n[0-9]+ app::Ping age_us=[0-9]+\n"));
   for (int i = 0; i < 12; ++i) {
-    deliver(*provider, std::make_unique<shop::Ping>(), echoing());
+    deliver(*provider, std::make_unique<app::Ping>(), echoing());
   }
-  EXPECT_THROW(deliver(*provider, std::make_unique<shop::Order>(),
+  EXPECT_THROW(deliver(*provider, std::make_unique<app::Order>(),
                        throwing(std::make_exception_ptr(std::runtime_error("no")))),
                std::runtime_error);
-  EXPECT_THAT(run("statistics", {"connector::(anonymous namespace)::shop::P"}),
-              MatchesRegex("[^\n]*::shop::Ping count=12 failed=0 inflight=1 [^\n]*\n"));
-  EXPECT_THAT(run("statistics", {}), ContainsRegex("::shop::Order count=1 failed=1 inflight=1 "));
-  first.resolve(std::make_unique<shop::Order>());
+  EXPECT_THAT(run("statistics", {"app::P"}), MatchesRegex("app::Ping count=12 failed=0 inflight=1 [^\n]*\n"));
+  EXPECT_THAT(run("statistics", {}), ContainsRegex("app::Order count=1 failed=1 inflight=1 "));
+  first.resolve(std::make_unique<app::Order>());
   second.reject(std::make_exception_ptr(std::runtime_error("late")));
   EXPECT_EQ(run("inflight", {}), "");
-  EXPECT_THAT(run("slowest", {}), ContainsRegex("::shop::Ping elapsed_us=[0-9]+ std::runtime_error\n"));
-  EXPECT_EQ(std::vector<long>({lines({}), lines({"3"}), lines({"32"})}), std::vector<long>({10, 3, 15}));
+  EXPECT_THAT(run("slowest", {}), ContainsRegex("app::Ping elapsed_us=[0-9]+ std::runtime_error\n"));
+  EXPECT_THAT(run("slowest", {}), MatchesRegex("([^\n]*\n){10}"));
+  EXPECT_THAT(run("slowest", {"32"}), MatchesRegex("([^\n]*\n){15}"));
   for (const std::string bad : {"abc", "0", "33", "-1", "", "1.5"}) {
     EXPECT_THROW(run("slowest", {bad}), std::invalid_argument) << bad;
   }
   EXPECT_EQ(run("statistics.reset", {}), "");
   EXPECT_EQ(run("statistics", {}) + run("slowest", {}), "");
-  deliver(*provider, std::make_unique<shop::Ping>(), echoing());
+  deliver(*provider, std::make_unique<app::Ping>(), echoing());
   EXPECT_THAT(run("statistics", {}), ContainsRegex(" count=1 failed=0 "));
   provider.reset();
-  EXPECT_EQ(lines({}), 1);
+  EXPECT_THAT(run("slowest", {}), MatchesRegex("[^\n]*\n"));
 }
 
 }  // namespace
