@@ -7,12 +7,14 @@
 // throw std::runtime_error. The cancel() of each subscription is recorded by its key.
 //
 // Threads: every member may be called from any thread, concurrently; failAt is set before the
-// fake is shared.
+// fake is shared, which must outlive the publishers it hands out.
 #pragma once
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -27,7 +29,7 @@ namespace test_support {
 class FakeConfiguration : public configuration::Configuration {
  public:
   using ConfigValue = configuration::ConfigValue;
-  using Publisher = FakePublisher<ConfigValue>;
+  using SubscriberPtr = std::shared_ptr<reactive_streams::SubscriberAPI<ConfigValue>>;
 
   std::string failAt;
 
@@ -42,38 +44,35 @@ class FakeConfiguration : public configuration::Configuration {
   }
 
   std::shared_ptr<reactive_streams::Publisher<ConfigValue>> observe(const std::string& key) override {
-    auto publisher = std::make_shared<Publisher>();
-    if (failAt == "subscribe " + key) {
-      publisher->subscribeFailure = std::make_exception_ptr(std::runtime_error(failAt));
-    }
-    auto subscription = std::make_shared<FakeSubscription>();
-    subscription->onCancel = [this, key] {
-      std::lock_guard<std::mutex> lock(mutex_);
-      cancelled_.push_back(key);
-    };
-    // The publisher holds the subscription, which the subscriber holds only weakly.
-    publisher->onSubscribed = [this, key, subscription](const Publisher::SubscriberPtr& subscriber) {
-      subscriber->onSubscribe(subscription);
-      std::unique_lock<std::mutex> lock(mutex_);
-      const auto current = values_.find(key);
-      if (current != values_.end()) {
-        ConfigValue value = current->second;
-        lock.unlock();
-        subscriber->onNext(std::move(value));
+    return std::make_shared<KeyPublisher>([this, key](const SubscriberPtr& subscriber) {
+      if (failAt == "subscribe " + key) {
+        throw std::runtime_error(failAt);
       }
-    };
-    std::lock_guard<std::mutex> lock(mutex_);
-    publishers_[key].push_back(publisher);
-    return publisher;
+      auto subscription = std::make_shared<FakeSubscription>();
+      subscription->onCancel = [this, key] {
+        std::lock_guard<std::mutex> lock(mutex_);
+        cancelled_.push_back(key);
+      };
+      std::unique_lock<std::mutex> lock(mutex_);
+      // Kept here with its subscription, which the subscriber holds only weakly.
+      subscribers_[key].emplace_back(subscriber, subscription);
+      std::optional<ConfigValue> value;
+      if (const auto current = values_.find(key); current != values_.end()) {
+        value = current->second;
+      }
+      lock.unlock();
+      subscriber->onSubscribe(subscription);
+      value ? subscriber->onNext(std::move(*value)) : void();
+    });
   }
 
-  // Sends `value` to every subscriber of `key`.
+  // Sends `value` to every subscriber of `key`, in order of subscription.
   void send(const std::string& key, const ConfigValue& value) {
     std::unique_lock<std::mutex> lock(mutex_);
-    const std::vector<std::shared_ptr<Publisher>> targets = publishers_[key];
+    const auto targets = subscribers_[key];
     lock.unlock();
-    for (const auto& publisher : targets) {
-      publisher->publish(value);
+    for (const auto& target : targets) {
+      target.first->onNext(ConfigValue(value));
     }
   }
 
@@ -84,10 +83,17 @@ class FakeConfiguration : public configuration::Configuration {
   }
 
  private:
+  struct KeyPublisher : reactive_streams::Publisher<ConfigValue> {
+    explicit KeyPublisher(std::function<void(const SubscriberPtr&)> take) : take_(std::move(take)) {}
+    void subscribe(SubscriberPtr subscriber) override { take_(subscriber); }
+    const std::function<void(const SubscriberPtr&)> take_;
+  };
+
   mutable std::mutex mutex_;
-  std::map<std::string, ConfigValue> values_;                                  // guarded by mutex_
-  std::map<std::string, std::vector<std::shared_ptr<Publisher>>> publishers_;  // guarded by mutex_
-  std::vector<std::string> cancelled_;                                         // guarded by mutex_
+  std::map<std::string, ConfigValue> values_;  // guarded by mutex_
+  std::map<std::string, std::vector<std::pair<SubscriberPtr, std::shared_ptr<FakeSubscription>>>>
+      subscribers_;                     // guarded by mutex_
+  std::vector<std::string> cancelled_;  // guarded by mutex_
 };
 
 }  // namespace test_support
