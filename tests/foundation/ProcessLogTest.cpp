@@ -7,7 +7,6 @@
 #include <filesystem>
 #include <fstream>
 #include <future>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -32,10 +31,9 @@ class ProcessLog : public connector::test_support::ProcessLogFixture {
  protected:
   // The texts of a file's records, in order: each line with everything up to the last "] " cut off.
   static std::vector<std::string> texts(const std::string& file) {
-    std::istringstream in(TempDirectory::read(file));
-    std::vector<std::string> all;
-    for (std::string line; std::getline(in, line);) {
-      all.push_back(line.substr(line.rfind("] ") + 2));
+    std::vector<std::string> all = TempDirectory::lines(file);
+    for (std::string& line : all) {
+      line.erase(0, line.rfind("] ") + 2);
     }
     return all;
   }

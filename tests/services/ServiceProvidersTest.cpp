@@ -243,14 +243,7 @@ struct Log {
       configuration->send("access." + key, value);
     }
   }
-  std::vector<std::string> lines() const {
-    std::istringstream in(TempDirectory::read(file));
-    std::vector<std::string> all;
-    for (std::string line; std::getline(in, line);) {
-      all.push_back(line);
-    }
-    return all;
-  }
+  std::vector<std::string> lines() const { return TempDirectory::lines(file); }
 };
 
 // While enabled: failed requests always, excluded ones never otherwise, slow ones always

@@ -9,6 +9,7 @@
 #include <stdexcept>
 #include <string>
 #include <system_error>
+#include <vector>
 
 namespace connector {
 namespace test_support {
@@ -36,6 +37,15 @@ class TempDirectory {
   static std::string read(const std::string& file) {
     std::ifstream in(file);
     return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  }
+  // The lines of a file, without their line feeds.
+  static std::vector<std::string> lines(const std::string& file) {
+    std::ifstream in(file);
+    std::vector<std::string> all;
+    for (std::string line; std::getline(in, line);) {
+      all.push_back(line);
+    }
+    return all;
   }
 
  private:
