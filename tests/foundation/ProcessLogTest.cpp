@@ -87,6 +87,12 @@ TEST_F(ProcessLog, TheLastMatchingOverrideDecidesAndARefusedSettingChangesNothin
   other.debug("other debug");
   EXPECT_THAT(texts(dir / "app.log"), ::testing::ElementsAre("earlier", "a trace", "other debug"));
   EXPECT_THROW(flog::channel(""), std::invalid_argument);
+  // The audit trail answers neither to the default level nor to a pattern; only to its own name.
+  const flog::channel audit(flog::audit_channel_name);
+  flog::set_specification("off,connector.*=off");
+  EXPECT_TRUE(audit.enabled(flog::level::info));
+  flog::set_specification("info,connector.audit=off");
+  EXPECT_FALSE(audit.enabled(flog::level::info));
 }
 
 // At a normal exit the queue of an async: file is written out: the file holds every record.
