@@ -16,6 +16,8 @@
 #   MUTANTS_TIMEOUT  seconds a single test may run before it counts as hung (default 10)
 #   MUTANTS_JOBS     parallel build and test jobs (default 2)
 #   MUTANTS_STRESS_SCALE  CONNECTOR_STRESS_SCALE for the stress tests (default 0.1)
+#   MUTANTS_EVERY    1: run every test on each mutant and name all that kill it ("killed by A, B"),
+#                    so that a test whose name never stands alone is seen to be a candidate to cut
 set -euo pipefail
 cd "$(dirname "$0")/.."
 repo=$(pwd)
@@ -25,6 +27,7 @@ timeout="${MUTANTS_TIMEOUT:-10}"
 jobs="${MUTANTS_JOBS:-2}"
 export CMAKE_CXX_COMPILER_LAUNCHER=ccache
 export CONNECTOR_STRESS_SCALE="${MUTANTS_STRESS_SCALE:-0.1}"
+every="${MUTANTS_EVERY:-0}"
 started=$(date +%s)
 
 # ---- The catalogue: parallel arrays of name, file, snippet and replacement.
@@ -76,6 +79,14 @@ firstFailure() {
   first=$(sed -nE 's/^ *[0-9]+\/[0-9]+ Test +#[0-9]+: ([^ ]+) [^*]*\*\*\*([A-Za-z]+).*/\1 (\2)/p' "$log" | head -n 1)
   [ -n "$first" ] || first=$(sed -n '/The following tests FAILED:/{n;p;q}' "$log" | sed -E 's/^[[:space:]]*[0-9]+ - //')
   echo "$first"
+}
+
+# Runs every test but the install check and prints the names of all that failed, comma-separated.
+allFailures() {
+  local log="$scratch/ctest.log"
+  ctest --test-dir "$build" -LE install --timeout "$timeout" -j"$jobs" >"$log" 2>&1 || true
+  sed -n '/The following tests FAILED:/,$p' "$log" | sed -nE 's/^[[:space:]]+[0-9]+ - ([^ ]+) .*/\1/p' |
+    paste -sd, - | sed 's/,/, /g'
 }
 
 # Every test as "NAME<TAB>EXECUTABLE", from ctest's own listing.
@@ -149,14 +160,16 @@ for i in "${!names[@]}"; do
     # The nearest tests first, building only what they need; everything else only if they pass.
     { read -r targets; read -r regex; } < <(nearTests "$file")
     failure=""
-    if [ -n "$targets" ] && cmake --build "$build" -j"$jobs" --target $targets >"$scratch/build.log" 2>&1; then
+    if [ "$every" = 1 ]; then
+      buildTree && failure=$(allFailures) || failure=""
+    elif [ -n "$targets" ] && cmake --build "$build" -j"$jobs" --target $targets >"$scratch/build.log" 2>&1; then
       failure=$(firstFailure "$regex")
     fi
     if [ -z "$failure" ] && ! buildTree; then
       echo "$name: does not build (see the catalogue entry)"
       unbuilt=$((unbuilt + 1))
     else
-      [ -n "$failure" ] || failure=$(firstFailure "")
+      [ -n "$failure" ] || [ "$every" = 1 ] || failure=$(firstFailure "")
       if [ -n "$failure" ]; then
         echo "$name: killed by $failure ($(($(date +%s) - t0)) s)"
         killed=$((killed + 1))
