@@ -1,6 +1,5 @@
 // Many threads and many repeats, judged by the sanitizers as much as by the tests' own checks:
-// promise/future hand-offs, the logging service provider under load, and the command handlers
-// while the process log changes.
+// promise/future hand-offs and the logging service provider under load.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -14,13 +13,10 @@
 #include <thread>
 #include <vector>
 
-#include "commands/LoggingCommandProvider.h"
-#include "foundation/log/Log.h"
 #include "framework/Future.h"
 #include "services/LoggingServiceProvider.h"
 #include "tests/stress/StressCounts.h"
 #include "tests/support/CountedMessage.h"
-#include "tests/support/FakeAdministration.h"
 #include "tests/support/FakeConfiguration.h"
 #include "tests/support/FakeContext.h"
 
@@ -191,39 +187,6 @@ TEST(LoggingServiceProviderUnderLoad, RequestsSettingChangesAndTeardownLoseNothi
   EXPECT_GT(logged, 0) << "nothing was logged";
   EXPECT_EQ(wrongAnswers.load(), 0) << "requests not answered with their own message";
   EXPECT_EQ(CountedMessage::alive(), messagesBefore);
-}
-
-// ---- The command handlers while the process log changes
-
-// Two threads set the destination and two the specification through the command handlers while
-// all four read both back: a getter only ever sees a value that was set, whole. (Records written
-// while the destination moves are LogDestinationStressTest's.)
-TEST(CommandHandlersUnderLoad, ConcurrentSettersAndGettersSeeOnlyWholeSettings) {
-  const std::vector<std::string> settings[] = {{"null", "stderr"},
-                                               {"info", "debug,connector.*=trace", "trace"}};
-  const std::string commands[][2] = {{"connector.log.setDestination", "connector.log.getDestination"},
-                                     {"connector.log.setSpecification", "connector.log.getSpecification"}};
-  foundation::log::set_destination(settings[0][0]);
-  foundation::log::set_specification(settings[1][0]);
-  auto administration = std::make_shared<test_support::FakeAdministration>();
-  common_services::LoggingCommandProvider logging(administration);
-  std::vector<std::thread> threads;
-  for (int self = 0; self < 4; ++self) {
-    threads.emplace_back([&, self] {
-      for (int i = 0; i < stressCount(5000); ++i) {
-        const std::vector<std::string>& choices = settings[self % 2];
-        administration->run(commands[self % 2][0], {choices[(self + i) % choices.size()], "ignored"});
-        for (int which = 0; which < 2; ++which) {
-          const std::string answer = administration->run(commands[which][1]);
-          EXPECT_EQ(std::count(settings[which].begin(), settings[which].end(), answer), 1) << answer;
-        }
-      }
-    });
-  }
-  for (std::thread& thread : threads) {
-    thread.join();
-  }
-  foundation::log::set_destination("null");  // the log stays quiet for the rest of the run
 }
 
 }  // namespace
