@@ -1,6 +1,6 @@
 // A recording administration registry for tests: keeps every registered command (handler
-// included, so a test can call it after its provider is gone) and the names withdrawn. Every
-// answer is a future already resolved with true. Safe from any thread.
+// included, so a test can call it after its provider is gone) and which are still registered.
+// Every answer is a future already resolved with true. Safe from any thread.
 #pragma once
 
 #include <map>
@@ -19,13 +19,14 @@ class FakeAdministration : public administration::Administration {
  public:
   Future<bool> registerCommand(administration::Command command) override {
     std::lock_guard<std::mutex> lock(mutex_);
+    live_.insert(command.name);
     commands_[command.name] = std::move(command);
     return makeResolvedFuture(true);
   }
 
   Future<bool> unregisterCommand(const std::string& name) override {
     std::lock_guard<std::mutex> lock(mutex_);
-    withdrawn_.insert(name);
+    live_.erase(name);
     return makeResolvedFuture(true);
   }
 
@@ -35,14 +36,10 @@ class FakeAdministration : public administration::Administration {
     return commands_.at(name);
   }
 
-  // The names of every command registered, or of every one withdrawn.
-  std::set<std::string> names(bool withdrawn = false) const {
+  // The names of the commands registered and not withdrawn since.
+  std::set<std::string> live() const {
     std::lock_guard<std::mutex> lock(mutex_);
-    std::set<std::string> registered;
-    for (const auto& entry : commands_) {
-      registered.insert(entry.first);
-    }
-    return withdrawn ? withdrawn_ : registered;
+    return live_;
   }
 
   // Runs the command's handler outside the lock, as a real registry would.
@@ -53,7 +50,7 @@ class FakeAdministration : public administration::Administration {
  private:
   mutable std::mutex mutex_;
   std::map<std::string, administration::Command> commands_;  // guarded by mutex_
-  std::set<std::string> withdrawn_;                          // guarded by mutex_
+  std::set<std::string> live_;                               // guarded by mutex_
 };
 
 }  // namespace test_support
