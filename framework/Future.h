@@ -10,6 +10,10 @@
 //   Pending --Future::cancel-------> Cancelled  (later resolve/reject are ignored)
 //   No transition leaves Resolved, Rejected or Cancelled.
 //
+// A continuation attached by Future::then never lets an exception reach the settling thread (a
+// then() that returns a Future settles it with the exception instead); one installed directly
+// in the state's `continuation` field makes the settling call throw what it throws.
+//
 // Ownership: the state is created by std::make_shared and lives while a Promise, a Future, a
 // running get() or the Future handed to a running continuation holds it. The value or the
 // exception sits in a separately allocated box owned by the state; get() moves the content
@@ -101,11 +105,22 @@ class Continuation {
   Continuation() = default;
 };
 
+// What Future::then attaches. Run by the settling thread (or a breaking ~Promise), it keeps the
+// function's exception from reaching that thread: the settler cannot act on it, and ~Promise is
+// noexcept. then() runs a function on a state already settled through runHere() instead, so its
+// exception leaves then().
 template <typename T, typename F>
 class FunctionContinuation final : public Continuation<T> {
  public:
   explicit FunctionContinuation(F function) : function_(std::move(function)) {}
-  void operator()(Future<T> future) override { function_(std::move(future)); }
+  void operator()(Future<T> future) override {
+    try {
+      function_(std::move(future));
+    } catch (...) {
+      // Dropped here; a function that has a failure to report returns a value (see then()).
+    }
+  }
+  void runHere(Future<T> future) { function_(std::move(future)); }
 
  private:
   F function_;
@@ -309,43 +324,40 @@ class Future {
     throw std::runtime_error(detail::kInvalidFutureState);
   }
 
-  // Has `f`, callable as void(Future<T>), run once with a valid Future of its own:
+  // Has `f`, callable as R(Future<T>), run once with a valid Future of its own:
   // - Pending: `f` is attached and runs on the thread that settles the state (resolve, reject
   //   or the Promise's destruction) with the lock released. Handing it over clears the state's
-  //   flags, so its Future may call get(); if `f` throws, the settling call throws that.
-  // - Resolved or Rejected: `f` runs at once on this thread; its exception leaves then().
-  //   Afterwards the value counts as retrieved, whether or not `f` took it.
+  //   flags, so its Future may call get(). An exception from `f` never reaches that thread.
+  // - Resolved or Rejected: `f` runs at once on this thread. Afterwards the value counts as
+  //   retrieved, whether or not `f` took it.
   // - Cancelled: `f` is destroyed without being called and then() returns normally, as cancel()
   //   does with an attached continuation; get() keeps throwing "Future has been cancelled.".
+  // When R is void, then() returns nothing: an exception from `f` leaves then() when `f` runs at
+  // once and is dropped when the settling thread runs it. Otherwise then() returns a Future<R>
+  // settled with what `f` returns or with what it throws; if `f` is destroyed uncalled, that
+  // Future is rejected with "Promise destroyed before it provided a value.".
   // Refused, with "Future already returned it's value or has an associated continuation.",
   // after get() or while a continuation is attached. `f` may re-enter this state.
   template <typename F>
-  void then(F f) {
-    if (!valid.load() || !state) {
-      throw std::runtime_error(detail::kFutureStateNotValid);
+  auto then(F f) {
+    using R = std::invoke_result_t<F&, Future<T>>;
+    if constexpr (std::is_void_v<R>) {
+      attach(std::move(f));
+    } else {
+      Promise<R> promise;
+      Future<R> chained = promise.getFuture();
+      attach([promise = std::move(promise), f = std::move(f)](Future<T> settled) mutable {
+        std::exception_ptr failure;
+        try {
+          promise.resolve(f(std::move(settled)));
+          return;
+        } catch (...) {
+          failure = std::current_exception();
+        }
+        promise.reject(failure);
+      });
+      return chained;
     }
-    State& s = *state;
-    auto run = std::make_unique<detail::FunctionContinuation<T, F>>(std::move(f));
-    std::unique_lock<std::mutex> lock(s.mutex);
-    if (s.valueRetrieved || s.continuation) {
-      throw std::runtime_error(detail::kFutureAlreadyRetrieved);
-    }
-    const detail::Status status = s.status.load(std::memory_order_relaxed);
-    if (status == detail::Status::Cancelled) {
-      lock.unlock();
-      return;  // `run` is destroyed uncalled
-    }
-    if (status != detail::Status::Resolved && status != detail::Status::Rejected) {
-      s.continuation = std::move(run);
-      return;
-    }
-    lock.unlock();
-    // The continuation may destroy this handle; its own Future keeps the state only while it runs.
-    std::shared_ptr<State> keep = state;
-    (*run)(Future<T>(keep));
-    lock.lock();
-    s.valueRetrieved = true;
-    lock.unlock();  // before `keep`, perhaps the last owner by now, lets the state and its mutex go
   }
 
   // Cancels a Pending state: it becomes Cancelled, an attached continuation is destroyed
@@ -377,6 +389,35 @@ class Future {
   std::atomic<bool> valid;
 
  private:
+  template <typename F>
+  void attach(F f) {
+    if (!valid.load() || !state) {
+      throw std::runtime_error(detail::kFutureStateNotValid);
+    }
+    State& s = *state;
+    auto run = std::make_unique<detail::FunctionContinuation<T, F>>(std::move(f));
+    std::unique_lock<std::mutex> lock(s.mutex);
+    if (s.valueRetrieved || s.continuation) {
+      throw std::runtime_error(detail::kFutureAlreadyRetrieved);
+    }
+    const detail::Status status = s.status.load(std::memory_order_relaxed);
+    if (status == detail::Status::Cancelled) {
+      lock.unlock();
+      return;  // `run` is destroyed uncalled
+    }
+    if (status != detail::Status::Resolved && status != detail::Status::Rejected) {
+      s.continuation = std::move(run);
+      return;
+    }
+    lock.unlock();
+    // The continuation may destroy this handle; its own Future keeps the state only while it runs.
+    std::shared_ptr<State> keep = state;
+    run->runHere(Future<T>(keep));
+    lock.lock();
+    s.valueRetrieved = true;
+    lock.unlock();  // before `keep`, perhaps the last owner by now, lets the state and its mutex go
+  }
+
   [[noreturn]] static void rethrowUnwrapped(const std::exception_ptr& error) {
     if (!error) {
       throw std::runtime_error(detail::kRejectedWithoutException);

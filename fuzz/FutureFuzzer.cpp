@@ -169,14 +169,14 @@ struct Session {
     const bool attaches = expected == "ok" && state.status == Pending;
     state.continuation = attaches ? id : state.continuation;
     const bool threw = check("then", runsNow ? id : -1, expected, false, [&] {
-      futures_[f]->then([this, id, kind, slot, handle](connector::Future<Value> future) {
+      futures_[f]->then([this, id, kind, slot, handle, runsNow](connector::Future<Value> future) {
         MODEL_CHECK(
             !frames_.empty() && frames_.back().expected == id && !frames_.back().ran && future.isValid(),
             "continuation " + std::to_string(id) + " ran unexpectedly");
         Frame& frame = frames_.back();
         frame.ran = true;
         if (kind % 5 == 1 && !quiet()) {
-          frame.thrown = "throw:continuation-" + std::to_string(id);
+          frame.thrown = runsNow ? "throw:continuation-" + std::to_string(id) : "";  // the settler sees none
           throw std::runtime_error("continuation-" + std::to_string(id));
         } else if (kind % 5 == 2 && !quiet() && promises_[slot]) {
           settle(slot, 0, 0);

@@ -33,6 +33,23 @@ TEST(SharedFutureState, FailuresLeaveTheStateAsItWas) {
   EXPECT_THROW(makeRejectedFuture<bool>(std::exception_ptr()).get(), std::runtime_error);
 }
 
+// A continuation attached by then() that throws leaves the settling thread, even a breaking
+// ~Promise, untouched; a then() that returns a Future is settled with the exception.
+TEST(FutureThen, AContinuationsExceptionNeverReachesTheSettler) {
+  Promise<bool> resolved;
+  resolved.getFuture().then([](Future<bool>) { throw std::logic_error("continuation"); });
+  EXPECT_NO_THROW(resolved.resolve(true));
+  auto broken = std::make_unique<Promise<bool>>();
+  Future<bool> chained = broken->getFuture().then([](Future<bool> f) { return f.get(); });
+  broken.reset();
+  EXPECT_THROW(
+      try { chained.get(); } catch (const std::runtime_error& e) {
+        EXPECT_STREQ(e.what(), "Promise destroyed before it provided a value.");
+        throw;
+      },
+      std::runtime_error);
+}
+
 // Destroying an active subscriber (here with no canceller) cancels it: its Future says false and
 // its live subscription is cancelled.
 TEST(CallbackSubscriber, DestructionCancels) {
