@@ -30,9 +30,6 @@ constexpr const char* kSetSpecificationForUsage =
     "connector.log.setSpecificationFor needs SECONDS (1 to 86400) and a SPECIFICATION, e.g. 600 "
     "\"info,connector.*=debug\"";
 
-// Registration and withdrawal order.
-constexpr const char* kCommandNames[] = {kReopen, kSetSpecificationFor, kGetStatistics};
-
 std::string reopen(Arguments&&) {
   foundation::log::reopen();
   return {};
@@ -68,18 +65,13 @@ std::string getStatistics(Arguments&&) {
 
 LogOperationsCommandProvider::LogOperationsCommandProvider(
     std::shared_ptr<connector::administration::Administration> administration)
-    : administration_(std::move(administration)) {
-  administration_->registerCommand(Command{kReopen, kReopenDescription, &reopen, 0, 0});
-  administration_->registerCommand(
-      Command{kSetSpecificationFor, kSetSpecificationForDescription, &setSpecificationFor, 2, 2});
-  administration_->registerCommand(Command{kGetStatistics, kGetStatisticsDescription, &getStatistics, 0, 0});
+    : commands_(std::move(administration)) {
+  commands_.add(Command{kReopen, kReopenDescription, &reopen, 0, 0});
+  commands_.add(Command{kSetSpecificationFor, kSetSpecificationForDescription, &setSpecificationFor, 2, 2});
+  commands_.add(Command{kGetStatistics, kGetStatisticsDescription, &getStatistics, 0, 0});
 }
 
-LogOperationsCommandProvider::~LogOperationsCommandProvider() {
-  for (const char* name : kCommandNames) {
-    administration_->unregisterCommand(name);
-  }
-}
+LogOperationsCommandProvider::~LogOperationsCommandProvider() = default;
 
 }  // namespace common_services
 }  // namespace connector

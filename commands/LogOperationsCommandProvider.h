@@ -24,6 +24,7 @@
 
 #include "foundation/Export.h"
 #include "framework/Administration.h"
+#include "framework/CommandRegistrations.h"
 
 namespace connector {
 namespace common_services {
@@ -31,15 +32,17 @@ namespace common_services {
 class CONNECTOR_EXPORT LogOperationsCommandProvider : public connector::administration::CommandProvider {
  public:
   // Registers the three commands one after another. If a registration throws, the exception
-  // leaves here and the commands registered before it stay registered (and usable).
+  // leaves here and the commands registered before it are withdrawn again. Another provider may
+  // be built before this one is destroyed: the commands stay while one of them lives.
   explicit LogOperationsCommandProvider(
       std::shared_ptr<connector::administration::Administration> administration);
 
-  // Withdraws the three commands. The registry's unregisterCommand() must not throw.
+  // Withdraws the three commands unless another provider still lives. The registry's
+  // unregisterCommand() must not throw.
   ~LogOperationsCommandProvider() override;
 
  private:
-  std::shared_ptr<connector::administration::Administration> administration_;
+  connector::administration::CommandRegistrations commands_;
 };
 
 }  // namespace common_services

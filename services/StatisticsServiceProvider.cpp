@@ -407,19 +407,18 @@ struct StatisticsServiceProvider::State {
 
 StatisticsServiceProvider::StatisticsServiceProvider(
     std::shared_ptr<administration::Administration> administration, const std::string& name)
-    : state_(std::make_shared<State>()), administration_(std::move(administration)) {
-  if (!administration_) {
+    : state_(std::make_shared<State>()), commands_(administration) {
+  if (!administration) {
     return;
   }
   // Each handler holds the state, never the provider: the registry may call it after we are gone.
   const auto add = [&](const char* suffix, const char* description, std::uint8_t least, std::uint8_t most,
                        auto run) {
     const std::string command = name + suffix;
-    administration_->registerCommand(Command{
+    commands_.add(Command{
         command, description,
         [state = state_, command, run](Arguments&& arguments) { return run(*state, command, arguments); },
         least, most});
-    commandNames_.push_back(command);
   };
   add(kStatisticsSuffix, kStatisticsDescription, 0, 1,
       [](const State& state, const std::string&, const Arguments& arguments) {
@@ -438,11 +437,7 @@ StatisticsServiceProvider::StatisticsServiceProvider(
       });
 }
 
-StatisticsServiceProvider::~StatisticsServiceProvider() {
-  for (const std::string& command : commandNames_) {
-    administration_->unregisterCommand(command);
-  }
-}
+StatisticsServiceProvider::~StatisticsServiceProvider() = default;
 
 Future<MessagePtr> StatisticsServiceProvider::deliver(MessagePtr&& message, Address&& address,
                                                       std::shared_ptr<Context>&& context) {

@@ -44,6 +44,7 @@
 
 #include "foundation/Export.h"
 #include "framework/Administration.h"
+#include "framework/CommandRegistrations.h"
 #include "framework/ServiceProvider.h"
 
 namespace connector {
@@ -53,11 +54,13 @@ class CONNECTOR_EXPORT StatisticsServiceProvider : public connector::ServiceProv
  public:
   // Registers the four commands with `administration`, which may be null (then there are none).
   // If a registration throws, the exception leaves here and the commands registered before it
-  // stay registered (their handlers own what they use).
+  // are withdrawn again. Another provider of the same name may be built before this one is
+  // destroyed: the newest live one answers the commands.
   StatisticsServiceProvider(std::shared_ptr<administration::Administration> administration,
                             const std::string& name);
 
-  // Withdraws the commands. The registry's unregisterCommand() must not throw.
+  // Withdraws the commands unless another provider of the same name still lives. The registry's
+  // unregisterCommand() must not throw.
   ~StatisticsServiceProvider() override;
 
   // Passes `message` and `address` on through context->forward() and returns at once (see
@@ -69,8 +72,7 @@ class CONNECTOR_EXPORT StatisticsServiceProvider : public connector::ServiceProv
   struct State;
 
   const std::shared_ptr<State> state_;
-  const std::shared_ptr<administration::Administration> administration_;
-  std::vector<std::string> commandNames_;  // registered so far, in order
+  administration::CommandRegistrations commands_;
 };
 
 }  // namespace common_services

@@ -14,6 +14,7 @@
 #include <chrono>
 #include <cstdio>
 #include <memory>
+#include <optional>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -402,6 +403,21 @@ TEST(StatisticsProvider, ListsCountsAndResets) {
   EXPECT_THAT(run("statistics", {}), ContainsRegex(" count=1 failed=0 "));
   provider.reset();
   EXPECT_THAT(run("slowest", {}), MatchesRegex("[^\n]*\n"));
+}
+
+// Whichever of two providers of one name is destroyed first, the other's commands stay and answer.
+TEST(StatisticsProvider, AHotSwapKeepsTheLiveProvidersCommands) {
+  auto administration = std::make_shared<FakeAdministration>();
+  for (const bool newFirst : {true, false}) {
+    auto old = std::make_unique<common_services::StatisticsServiceProvider>(administration, "metrics");
+    std::optional<common_services::StatisticsServiceProvider> live;
+    newFirst ? void(live.emplace(administration, "metrics")) : void();
+    old.reset();
+    newFirst ? void() : void(live.emplace(administration, "metrics"));
+    deliver(*live, std::make_unique<app::Ping>(), echoing());
+    EXPECT_EQ(administration->live().size(), 4u);
+    EXPECT_THAT(administration->run("metrics.statistics"), ContainsRegex("app::Ping count=1 "));
+  }
 }
 
 }  // namespace
