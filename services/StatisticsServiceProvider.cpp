@@ -5,7 +5,6 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
-#include <deque>
 #include <exception>
 #include <map>
 #include <mutex>
@@ -19,7 +18,7 @@
 #include "foundation/core/detail/TickClock.h"
 #include "services/detail/AnswerObserver.h"
 #include "services/detail/LatencyHistogram.h"
-#include "services/detail/MessageTypeName.h"
+#include "services/detail/MessageTypeTable.h"
 #include "services/detail/SlowestRequests.h"
 
 namespace connector {
@@ -63,9 +62,6 @@ constexpr std::size_t kSlowestDefault = 10;
 // and beyond those wait in a map under a lock.
 constexpr std::size_t kOwnedSlots = 8;
 constexpr std::size_t kCommonSlots = 256;
-// Message types found without a lock; more are looked up under one.
-constexpr std::size_t kTypeSlots = 256;
-constexpr std::size_t kTypeProbes = 16;
 
 // The stripe of the calling thread.
 std::size_t currentStripe() {
@@ -125,80 +121,6 @@ struct TypeStats {
            !s.maxNanoseconds.compare_exchange_weak(max, elapsed, std::memory_order_relaxed)) {
     }
   }
-};
-
-// The message types seen, found by the address of their runtime name. A slot goes from null to
-// an entry once and never changes, so finding a type is a few loads. Two runtime names of one
-// type (from two shared objects) share one TypeStats, joined by the readable name.
-class TypeTable {
- public:
-  TypeStats& find(const std::type_info& type) {
-    const char* key = type.name();
-    std::size_t index = home(key);
-    for (std::size_t step = 0; step < kTypeProbes; ++step, index = (index + 1) % kTypeSlots) {
-      const Entry* entry = slots_[index].load(std::memory_order_acquire);
-      if (entry == nullptr) {
-        break;
-      }
-      if (entry->key == key) {
-        return *entry->stats;
-      }
-    }
-    return add(type);
-  }
-
-  // Every type, sorted by name.
-  std::vector<TypeStats*> all() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    std::vector<TypeStats*> types;
-    for (const auto& named : byName_) {
-      types.push_back(named.second);
-    }
-    return types;
-  }
-
- private:
-  struct Entry {
-    const char* key;
-    TypeStats* stats;
-  };
-
-  static std::size_t home(const char* key) {
-    const auto bits = static_cast<std::uint64_t>(reinterpret_cast<std::uintptr_t>(key));
-    return static_cast<std::size_t>((bits * 0x9E3779B97F4A7C15ULL) >> 56) % kTypeSlots;
-  }
-
-  TypeStats& add(const std::type_info& type) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    const char* key = type.name();
-    const auto known = byKey_.find(key);
-    if (known != byKey_.end()) {
-      return *known->second;
-    }
-    const std::string_view name = detail::messageTypeName(type);
-    TypeStats*& stats = byName_[name];
-    if (stats == nullptr) {
-      stats = &types_.emplace_back(name);
-    }
-    byKey_[key] = stats;
-    entries_.push_back(Entry{key, stats});
-    const Entry* entry = &entries_.back();
-    std::size_t index = home(key);
-    for (std::size_t step = 0; step < kTypeProbes; ++step, index = (index + 1) % kTypeSlots) {
-      const Entry* empty = nullptr;
-      if (slots_[index].compare_exchange_strong(empty, entry, std::memory_order_acq_rel)) {
-        break;
-      }
-    }
-    return *stats;  // with no free slot, later lookups come here, under the lock
-  }
-
-  std::array<std::atomic<const Entry*>, kTypeSlots> slots_{};  // written under mutex_, read without it
-  mutable std::mutex mutex_;
-  std::deque<TypeStats> types_;                    // guarded by mutex_; never shrinks
-  std::deque<Entry> entries_;                      // guarded by mutex_; never shrinks
-  std::map<const char*, TypeStats*> byKey_;        // guarded by mutex_
-  std::map<std::string_view, TypeStats*> byName_;  // guarded by mutex_
 };
 
 // The requests in flight. A slot is free while its `number` is 0 and held by the request whose
@@ -317,7 +239,7 @@ std::uint64_t parseCount(const std::string& command, const std::string& text) {
 }  // namespace
 
 struct StatisticsServiceProvider::State {
-  TypeTable types;
+  detail::MessageTypeTable<TypeStats> types;
   InFlightTable inFlight;
   detail::SlowestRequests slowest{kSlowestKept};
   std::array<Sequence, kStripes> sequences;

@@ -28,6 +28,7 @@
 #include "services/LoggingServiceProvider.h"
 #include "services/StatisticsServiceProvider.h"
 #include "services/detail/LatencyHistogram.h"
+#include "services/detail/MessageTypeTable.h"
 #include "services/detail/SlowestRequests.h"
 #include "tests/support/FakeAdministration.h"
 #include "tests/support/FakeConfiguration.h"
@@ -403,6 +404,22 @@ TEST(StatisticsProvider, ListsCountsAndResets) {
   EXPECT_THAT(run("statistics", {}), ContainsRegex(" count=1 failed=0 "));
   provider.reset();
   EXPECT_THAT(run("slowest", {}), MatchesRegex("[^\n]*\n"));
+}
+
+// A runtime name at an address seen before but with other text (a library unloaded and another
+// loaded in its place) is another type, as the demangler takes it.
+TEST(MessageTypeTable, MatchesARuntimeNameByAddressThenText) {
+  struct Named {
+    explicit Named(std::string_view readable) : name(readable) {}
+    std::string_view name;
+  };
+  MessageTypeTable<Named> table;
+  char runtimeName[] = "1A";
+  Named& first = table.find(runtimeName, [] { return std::string_view("A"); });
+  runtimeName[1] = 'B';
+  EXPECT_EQ(table.find(runtimeName, [] { return std::string_view("B"); }).name, "B");
+  runtimeName[1] = 'A';
+  EXPECT_EQ(&table.find(runtimeName, [] { return std::string_view("A"); }), &first);
 }
 
 // Whichever of two providers of one name is destroyed first, the other's commands stay and answer.
