@@ -7,7 +7,6 @@
 #include <cstdint>
 #include <exception>
 #include <map>
-#include <mutex>
 #include <stdexcept>
 #include <string_view>
 #include <tuple>
@@ -17,6 +16,7 @@
 #include "foundation/core/detail/ThreadIndex.h"
 #include "foundation/core/detail/TickClock.h"
 #include "services/detail/AnswerObserver.h"
+#include "services/detail/InFlightTable.h"
 #include "services/detail/LatencyHistogram.h"
 #include "services/detail/MessageTypeTable.h"
 #include "services/detail/SlowestRequests.h"
@@ -57,11 +57,6 @@ constexpr std::size_t kStripes = kOwnedStripes + 1;
 constexpr std::size_t kSharedStripe = kOwnedStripes;
 constexpr std::size_t kSlowestKept = 32;
 constexpr std::size_t kSlowestDefault = 10;
-// Requests in flight: each owned stripe has a few slots that only its thread claims; the others
-// (and the threads of the shared stripe) claim one of the common slots with a compare-and-swap,
-// and beyond those wait in a map under a lock.
-constexpr std::size_t kOwnedSlots = 8;
-constexpr std::size_t kCommonSlots = 256;
 
 // The stripe of the calling thread.
 std::size_t currentStripe() {
@@ -123,102 +118,7 @@ struct TypeStats {
   }
 };
 
-// The requests in flight. A slot is free while its `number` is 0 and held by the request whose
-// number plus one it holds. The holder claims it by that number, then writes the start and, last,
-// the type; it clears the type before it lets the number go (any thread may: the one that
-// completes the request). So a reader that finds a type, and the same number before and after
-// reading, has read the values of one request. An owned stripe's slots are claimed only by its
-// thread, with a plain store; the common slots by compare-and-swap.
-class InFlightTable {
- public:
-  struct Request {
-    std::uint64_t number;
-    const TypeStats* type;
-    std::int64_t startNanoseconds;
-  };
-
-  // Where a request was put: its slot, or nullptr for the overflow map.
-  using Ticket = void*;
-
-  Ticket enter(std::size_t stripe, const Request& request) {
-    const std::uint64_t held = request.number + 1;
-    if (stripe != kSharedStripe) {
-      for (std::size_t i = 0; i < kOwnedSlots; ++i) {
-        Slot& slot = owned_[stripe * kOwnedSlots + i];
-        if (slot.number.load(std::memory_order_acquire) == 0) {
-          slot.number.store(held, std::memory_order_release);
-          return publish(slot, request);
-        }
-      }
-    }
-    for (std::size_t step = 0; step < kCommonSlots; ++step) {
-      Slot& slot = common_[(stripe * kOwnedSlots + step) % kCommonSlots];
-      std::uint64_t free = 0;
-      if (slot.number.load(std::memory_order_relaxed) == 0 &&
-          slot.number.compare_exchange_strong(free, held, std::memory_order_acq_rel)) {
-        return publish(slot, request);
-      }
-    }
-    std::lock_guard<std::mutex> lock(mutex_);
-    overflow_[request.number] = request;
-    return nullptr;
-  }
-
-  void leave(Ticket ticket, std::uint64_t number) {
-    if (ticket != nullptr) {
-      Slot& slot = *static_cast<Slot*>(ticket);
-      slot.type.store(nullptr, std::memory_order_relaxed);
-      slot.number.store(0, std::memory_order_release);
-      return;
-    }
-    std::lock_guard<std::mutex> lock(mutex_);
-    overflow_.erase(number);
-  }
-
-  std::vector<Request> list() const {
-    std::vector<Request> requests;
-    collect(owned_.data(), owned_.size(), requests);
-    collect(common_.data(), common_.size(), requests);
-    std::lock_guard<std::mutex> lock(mutex_);
-    for (const auto& entry : overflow_) {
-      requests.push_back(entry.second);
-    }
-    return requests;
-  }
-
- private:
-  struct alignas(64) Slot {
-    std::atomic<std::uint64_t> number{0};
-    std::atomic<std::int64_t> startNanoseconds{0};
-    std::atomic<const TypeStats*> type{nullptr};
-  };
-
-  static Ticket publish(Slot& slot, const Request& request) {
-    slot.startNanoseconds.store(request.startNanoseconds, std::memory_order_relaxed);
-    slot.type.store(request.type, std::memory_order_release);
-    return &slot;
-  }
-
-  static void collect(const Slot* slots, std::size_t count, std::vector<Request>& requests) {
-    for (std::size_t i = 0; i < count; ++i) {
-      const Slot& slot = slots[i];
-      const std::uint64_t before = slot.number.load(std::memory_order_acquire);
-      if (before == 0) {
-        continue;
-      }
-      const TypeStats* type = slot.type.load(std::memory_order_acquire);
-      const std::int64_t start = slot.startNanoseconds.load(std::memory_order_relaxed);
-      if (type != nullptr && slot.number.load(std::memory_order_acquire) == before) {
-        requests.push_back(Request{before - 1, type, start});
-      }
-    }
-  }
-
-  std::array<Slot, kOwnedStripes * kOwnedSlots> owned_{};
-  std::array<Slot, kCommonSlots> common_{};
-  mutable std::mutex mutex_;
-  std::map<std::uint64_t, Request> overflow_;  // guarded by mutex_
-};
+using InFlightTable = detail::InFlightTable<TypeStats, kOwnedStripes>;
 
 // The next request number of a stripe; written like the counters.
 struct alignas(64) Sequence {

@@ -32,10 +32,13 @@
 // Ownership: the provider holds the administration and shares its statistics with the command
 // handlers and with the continuations of pending requests, so either may outlive it. Threads:
 // any number of threads may call deliver() at once, and the handlers may run on any thread while
-// they do. The request path takes no lock (a message type seen for the first time takes one,
-// once) and keeps its counters on cache lines per thread, so threads delivering different types,
-// or even the same type, do not write a common line; the first 64 threads of the process each
-// own their lines and write them without locked instructions, later threads share one set.
+// they do. The request path keeps its counters on cache lines per thread, so threads delivering
+// different types, or even the same type, do not write a common line: the first 64 threads of the
+// process (numbered as they first deliver to any provider, never reused) each own their lines and
+// write them without locked instructions; later threads share one set, with atomic additions.
+// A request takes no lock, save in two cases: a message type seen for the first time (once per
+// type), and a request that finds every place for requests in flight taken, that is, more than
+// 2,048 in flight plus 8 for each of those 64 threads.
 #pragma once
 
 #include <memory>

@@ -27,6 +27,7 @@
 #include "services/AccessLogServiceProvider.h"
 #include "services/LoggingServiceProvider.h"
 #include "services/StatisticsServiceProvider.h"
+#include "services/detail/InFlightTable.h"
 #include "services/detail/LatencyHistogram.h"
 #include "services/detail/MessageTypeTable.h"
 #include "services/detail/SlowestRequests.h"
@@ -420,6 +421,14 @@ TEST(MessageTypeTable, MatchesARuntimeNameByAddressThenText) {
   EXPECT_EQ(table.find(runtimeName, [] { return std::string_view("B"); }).name, "B");
   runtimeName[1] = 'A';
   EXPECT_EQ(&table.find(runtimeName, [] { return std::string_view("A"); }), &first);
+}
+
+// A thousand requests in flight, even all of one thread, each find a place without the lock.
+TEST(InFlightTable, AThousandRequestsInFlightTakeNoLock) {
+  auto table = std::make_unique<InFlightTable<int, 64>>();
+  for (std::uint64_t number = 0; number < 1000; ++number) {
+    ASSERT_NE(table->enter(number % 2 ? 3 : 64, {number, nullptr, 0}), nullptr) << number;
+  }
 }
 
 // Whichever of two providers of one name is destroyed first, the other's commands stay and answer.
