@@ -5,6 +5,7 @@
 //   AccessLogJsonToFile                           against LoggingToFile (two lines)
 //   Statistics                                    against EchoAlone
 //   Statistics, 2 threads (different types, then one type) against 1 thread, in items per second
+//   StatisticsWithAThousandInFlight               against EchoAlone (1,000 other requests pending)
 // Every case sends one message round trip per iteration (deliver, then get) and reuses the message.
 #include <benchmark/benchmark.h>
 
@@ -14,6 +15,7 @@
 #include <ostream>
 #include <streambuf>
 #include <string>
+#include <vector>
 
 #include "bench/BenchMain.h"
 #include "services/AccessLogServiceProvider.h"
@@ -28,6 +30,7 @@ using connector::Address;
 using connector::Context;
 using connector::Future;
 using connector::Message;
+using connector::Promise;
 using connector::ServiceProvider;
 using connector::common_services::AccessLogServiceProvider;
 using connector::common_services::EchoServiceProvider;
@@ -139,6 +142,28 @@ void StatisticsTwoTypes(benchmark::State& state) {
   }
 }
 
+// Holds every request it is given, unanswered, until it goes.
+class HoldingContext : public Context {
+ public:
+  Future<MessagePtr> forward(MessagePtr&&, Address&&) override {
+    held_.emplace_back();
+    return held_.back().getFuture();
+  }
+
+ private:
+  std::vector<Promise<MessagePtr>> held_;
+};
+
+void StatisticsWithAThousandInFlight(benchmark::State& state) {
+  StatisticsServiceProvider provider(nullptr, "metrics");
+  auto holding = std::make_shared<HoldingContext>();
+  for (int i = 0; i < 1000; ++i) {
+    std::shared_ptr<Context> context = holding;
+    provider.deliver(std::make_unique<app::Order>(), Address("svc"), std::move(context));
+  }
+  roundTrips(state, provider);
+}
+
 BENCHMARK(EchoAlone);
 BENCHMARK(AccessLogNotWritten);
 BENCHMARK(LoggingToNullStream);
@@ -149,6 +174,7 @@ BENCHMARK(Statistics);
 BENCHMARK(Statistics)->Threads(1)->UseRealTime();
 BENCHMARK(StatisticsTwoTypes)->Threads(2)->UseRealTime();
 BENCHMARK(Statistics)->Threads(2)->UseRealTime();
+BENCHMARK(StatisticsWithAThousandInFlight);
 
 }  // namespace
 
