@@ -13,13 +13,13 @@
 #include <typeinfo>
 #include <utility>
 
-#include "foundation/core/detail/ThreadIndex.h"
 #include "foundation/core/detail/TickClock.h"
 #include "services/detail/AnswerObserver.h"
 #include "services/detail/InFlightTable.h"
 #include "services/detail/LatencyHistogram.h"
 #include "services/detail/MessageTypeTable.h"
 #include "services/detail/SlowestRequests.h"
+#include "services/detail/StripedCounters.h"
 
 namespace connector {
 namespace common_services {
@@ -27,7 +27,15 @@ namespace common_services {
 namespace {
 
 using administration::Command;
+using detail::currentStripe;
+using detail::increment;
+using detail::kOwnedStripes;
+using detail::kSharedStripe;
+using detail::kStripes;
+using detail::microseconds;
 using detail::Outcome;
+using detail::Sequence;
+using detail::TypeStats;
 using foundation::core::detail::tick_clock;
 using Arguments = std::vector<std::string>;
 using MessagePtr = std::unique_ptr<Message>;
@@ -47,83 +55,10 @@ constexpr const char* kSlowestDescription =
 
 constexpr std::string_view kOk = "ok";
 
-// Counters are spread over stripes, one per thread, so that no two threads write one cache line
-// and a thread's own counters need no locked instruction: the first kOwnedStripes threads of the
-// process (by foundation's thread index, never reused) each own a stripe that only they write,
-// with a plain load and store; later threads share the last stripe and use atomic
-// read-modify-writes.
-constexpr std::size_t kOwnedStripes = 64;
-constexpr std::size_t kStripes = kOwnedStripes + 1;
-constexpr std::size_t kSharedStripe = kOwnedStripes;
 constexpr std::size_t kSlowestKept = 32;
 constexpr std::size_t kSlowestDefault = 10;
 
-// The stripe of the calling thread.
-std::size_t currentStripe() {
-  return std::min<std::size_t>(foundation::core::detail::thread_index(), kSharedStripe);
-}
-
-// Adds one and answers the value before: by its only writer with a plain load and store, else
-// atomically.
-std::uint64_t increment(std::atomic<std::uint64_t>& counter, bool owned) {
-  if (owned) {
-    const std::uint64_t value = counter.load(std::memory_order_relaxed);
-    counter.store(value + 1, std::memory_order_relaxed);
-    return value;
-  }
-  return counter.fetch_add(1, std::memory_order_relaxed);
-}
-
-std::uint64_t microseconds(std::int64_t nanoseconds) {
-  return static_cast<std::uint64_t>(std::max<std::int64_t>(nanoseconds, 0)) / 1000;
-}
-
-// What is counted for one message type, per stripe. A reset does not touch the stripes (their
-// owners write them without a lock): it moves the provider's epoch on, a stripe whose epoch is
-// behind counts as empty, and its writer zeroes it before it next counts.
-struct TypeStats {
-  struct alignas(64) Stripe {
-    std::atomic<std::uint64_t> epoch{0};  // the reset epoch the counts belong to
-    std::array<std::atomic<std::uint64_t>, detail::kLatencyBuckets> buckets{};
-    std::atomic<std::uint64_t> failed{0};
-    std::atomic<std::int64_t> maxNanoseconds{0};
-  };
-
-  explicit TypeStats(std::string_view typeName) : name(typeName) {}
-
-  const std::string_view name;  // cached for the process
-  std::array<Stripe, kStripes> stripes;
-
-  void record(std::size_t stripe, std::uint64_t epoch, std::int64_t elapsed, bool failed) {
-    Stripe& s = stripes[stripe];
-    const bool owned = stripe != kSharedStripe;
-    if (s.epoch.load(std::memory_order_relaxed) != epoch) {
-      // On the shared stripe two threads may both get here; a count of a request completing
-      // while a reset is under way may then be lost, which a reset allows anyway.
-      for (auto& bucket : s.buckets) {
-        bucket.store(0, std::memory_order_relaxed);
-      }
-      s.failed.store(0, std::memory_order_relaxed);
-      s.maxNanoseconds.store(0, std::memory_order_relaxed);
-      s.epoch.store(epoch, std::memory_order_release);
-    }
-    increment(s.buckets[detail::latencyBucket(microseconds(elapsed))], owned);
-    if (failed) {
-      increment(s.failed, owned);
-    }
-    std::int64_t max = s.maxNanoseconds.load(std::memory_order_relaxed);
-    while (elapsed > max &&
-           !s.maxNanoseconds.compare_exchange_weak(max, elapsed, std::memory_order_relaxed)) {
-    }
-  }
-};
-
 using InFlightTable = detail::InFlightTable<TypeStats, kOwnedStripes>;
-
-// The next request number of a stripe; written like the counters.
-struct alignas(64) Sequence {
-  std::atomic<std::uint64_t> next{0};
-};
 
 std::uint64_t parseCount(const std::string& command, const std::string& text) {
   const bool digits = !text.empty() && text.size() <= 2 &&
@@ -170,27 +105,16 @@ struct StatisticsServiceProvider::State {
       if (type->name.substr(0, prefix.size()) != prefix) {
         continue;
       }
-      detail::LatencyCounts counts{};
-      std::uint64_t failed = 0;
-      std::int64_t max = 0;
-      for (const TypeStats::Stripe& stripe : type->stripes) {
-        if (stripe.epoch.load(std::memory_order_acquire) != current) {
-          continue;  // counted before the last reset
-        }
-        for (std::size_t i = 0; i < counts.size(); ++i) {
-          counts[i] += stripe.buckets[i].load(std::memory_order_relaxed);
-        }
-        failed += stripe.failed.load(std::memory_order_relaxed);
-        max = std::max(max, stripe.maxNanoseconds.load(std::memory_order_relaxed));
-      }
-      const detail::LatencySummary summary = detail::summarizeLatencies(counts, microseconds(max));
+      const TypeStats::Totals totals = type->total(current);
+      const detail::LatencySummary summary =
+          detail::summarizeLatencies(totals.counts, microseconds(totals.maxNanoseconds));
       const auto found = inFlightByType.find(type);
       const std::uint64_t inFlightCount = found == inFlightByType.end() ? 0 : found->second;
       if (summary.count == 0 && inFlightCount == 0) {
         continue;
       }
       text += std::string(type->name) + " count=" + std::to_string(summary.count) +
-              " failed=" + std::to_string(failed) + " inflight=" + std::to_string(inFlightCount) +
+              " failed=" + std::to_string(totals.failed) + " inflight=" + std::to_string(inFlightCount) +
               " p50_us=" + std::to_string(summary.p50) + " p90_us=" + std::to_string(summary.p90) +
               " p99_us=" + std::to_string(summary.p99) + " max_us=" + std::to_string(summary.max) + "\n";
     }

@@ -11,8 +11,8 @@
 // number, unique for the provider; numbers from different threads interleave, so they are not in
 // arrival order. Times are read from a steady clock.
 //
-// Commands (NAME is the provider's name), registered with the administration given, withdrawn in
-// the destructor in the same order:
+// Commands (NAME is the provider's name), registered with the administration given and withdrawn
+// in the destructor, unless another provider of that name lives on (it answers them then):
 //   NAME.statistics [TYPE_PREFIX]  one line per type (only types with completed or in-flight
 //       requests), sorted by name:
 //       TYPE count=N failed=N inflight=N p50_us=N p90_us=N p99_us=N max_us=N
