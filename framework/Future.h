@@ -472,7 +472,8 @@ class Promise {
   }
 
   // Settles with a value and wakes the waiters, or runs an attached continuation on this thread
-  // (its exception leaves here). Throws "Promise already resolved." on a Resolved or Rejected
+  // (the exception of one installed directly in the state leaves here; one attached by then()
+  // keeps its own). Throws "Promise already resolved." on a Resolved or Rejected
   // state; on a Cancelled state returns normally and the value stays with the caller.
   void resolve(T&& value) {
     if (!valid.load() || !state) {
