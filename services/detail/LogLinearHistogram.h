@@ -11,7 +11,7 @@
 // below 256 ns), capped by the exact maximum, so it is within 0.4% of the exact value; a
 // percentile in the overflow bucket is reported as kBeyondRange.
 //
-// Memory: a LatencyBlock is one thread's counts for one message type, at most 64 KiB (36.9 KiB
+// Memory: a LatencyBlock is one thread's counts for one message type, at most 64 KiB (36.1 KiB
 // today, checked below). A provider makes a thread's block on that thread's first request of the
 // type, so a type costs one block per thread that has delivered it and nothing for the others.
 //
@@ -30,6 +30,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <limits>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -80,12 +81,12 @@ inline LatencyBucketBounds logLinearBounds(std::size_t bucket) {
 
 // One thread's counts for one message type.
 struct alignas(64) LatencyBlock {
-  static constexpr std::size_t kGroupBits = 64;  // buckets per bit of `touched`
+  static constexpr std::size_t kGroupBits = 8;  // buckets per bit of `touched`: one cache line
   static constexpr std::size_t kGroups = (kLogLinearBuckets + 1 + kGroupBits - 1) / kGroupBits;
 
   std::array<std::atomic<std::uint64_t>, kLogLinearBuckets + 1> counts{};  // the last: overflow
-  // Bit g of word g / 64 is set once a bucket of group g has counted, so a merge skips the
-  // groups never touched (most of them) instead of reading 37 KiB per block.
+  // Bit g of word g / 64 is set once a bucket of group g has counted, so a merge reads only the
+  // cache lines of counts that hold something.
   std::array<std::atomic<std::uint64_t>, (kGroups + 63) / 64> touched{};
   std::atomic<std::uint64_t> sumNanoseconds{0};
   std::atomic<std::uint64_t> maxNanoseconds{0};
@@ -161,18 +162,23 @@ struct LatencySnapshot {
   }
 };
 
-// Adds blocks up into a snapshot. Any thread; the blocks may be recorded meanwhile.
+// Adds blocks up into a snapshot. Any thread; the blocks may be recorded meanwhile. It reads and
+// writes only the cache lines of buckets that have counted, so merging a block costs what its
+// latencies spread over, not 36 KiB.
 class LatencyMerge {
  public:
   void add(const LatencyBlock& block) {
     for (std::size_t word = 0; word < block.touched.size(); ++word) {
       std::uint64_t groups = block.touched[word].load(std::memory_order_acquire);
       while (groups != 0) {
+        const std::uint64_t bit = groups & (~groups + 1);
         const std::size_t group = word * 64 + static_cast<std::size_t>(__builtin_ctzll(groups));
         groups &= groups - 1;
-        const std::size_t end = std::min(block.counts.size(), (group + 1) * LatencyBlock::kGroupBits);
-        for (std::size_t bucket = group * LatencyBlock::kGroupBits; bucket < end; ++bucket) {
-          counts_[bucket] += block.counts[bucket].load(std::memory_order_relaxed);
+        const bool fresh = (touched_[word] & bit) == 0;  // its counts_ are not yet written
+        touched_[word] |= bit;
+        for (std::size_t bucket = group * LatencyBlock::kGroupBits; bucket < groupEnd(group); ++bucket) {
+          const std::uint64_t n = block.counts[bucket].load(std::memory_order_relaxed);
+          counts_[bucket] = fresh ? n : counts_[bucket] + n;
         }
       }
     }
@@ -182,22 +188,36 @@ class LatencyMerge {
 
   LatencySnapshot snapshot() const {
     LatencySnapshot s;
-    for (std::size_t bucket = 0; bucket < kLogLinearBuckets; ++bucket) {
-      if (counts_[bucket] != 0) {
-        const LatencyBucketBounds bounds = logLinearBounds(bucket);
-        s.buckets.push_back({bounds.lower, bounds.upper, counts_[bucket]});
-        s.count += counts_[bucket];
+    for (std::size_t word = 0; word < touched_.size(); ++word) {
+      for (std::uint64_t groups = touched_[word]; groups != 0; groups &= groups - 1) {
+        const std::size_t group = word * 64 + static_cast<std::size_t>(__builtin_ctzll(groups));
+        for (std::size_t bucket = group * LatencyBlock::kGroupBits; bucket < groupEnd(group); ++bucket) {
+          if (counts_[bucket] == 0) {
+            continue;
+          }
+          s.count += counts_[bucket];
+          if (bucket == kLatencyOverflowBucket) {
+            s.overflow = counts_[bucket];
+          } else {
+            const LatencyBucketBounds bounds = logLinearBounds(bucket);
+            s.buckets.push_back({bounds.lower, bounds.upper, counts_[bucket]});
+          }
+        }
       }
     }
-    s.overflow = counts_[kLatencyOverflowBucket];
-    s.count += s.overflow;
     s.sumNanoseconds = sum_;
     s.maxNanoseconds = max_;
     return s;
   }
 
  private:
-  std::vector<std::uint64_t> counts_ = std::vector<std::uint64_t>(kLogLinearBuckets + 1);
+  static std::size_t groupEnd(std::size_t group) {
+    return std::min(kLatencyOverflowBucket + 1, (group + 1) * LatencyBlock::kGroupBits);
+  }
+
+  std::array<std::uint64_t, std::tuple_size<decltype(LatencyBlock::touched)>::value> touched_{};
+  // Left unset where touched_ has no bit, which is never read.
+  std::unique_ptr<std::uint64_t[]> counts_{new std::uint64_t[kLatencyOverflowBucket + 1]};
   std::uint64_t sum_ = 0;
   std::uint64_t max_ = 0;
 };
