@@ -141,9 +141,10 @@ struct LatencySnapshot {
 
   std::uint64_t meanNanoseconds() const { return count == 0 ? 0 : sumNanoseconds / count; }
 
-  // The latency at rank ceil(percent / 100 * count) (1-based, at least 1) in ascending order: the
-  // smallest latency that at least `percent` % of the requests did not exceed. 0 when nothing
-  // was counted; kBeyondRange when that rank falls in the overflow bucket.
+  // The latency at rank ceil(percent / 100 * count) in ascending order (1-based, kept within 1 and
+  // count, so 0 reads the smallest and 100 the largest): the smallest latency that at least
+  // `percent` % of the requests did not exceed. 0 when nothing was counted; kBeyondRange when
+  // that rank falls in the overflow bucket.
   std::uint64_t percentileNanoseconds(double percent) const {
     if (count == 0) {
       return 0;
