@@ -30,7 +30,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <limits>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -165,7 +164,8 @@ struct LatencySnapshot {
 
 // Adds blocks up into a snapshot. Any thread; the blocks may be recorded meanwhile. It reads and
 // writes only the cache lines of buckets that have counted, so merging a block costs what its
-// latencies spread over, not 36 KiB.
+// latencies spread over, not 36 KiB. It holds its counts in itself (about 36 KiB) rather than on
+// the heap: one lives on the stack of the thread taking a snapshot.
 class LatencyMerge {
  public:
   void add(const LatencyBlock& block) {
@@ -189,6 +189,11 @@ class LatencyMerge {
 
   LatencySnapshot snapshot() const {
     LatencySnapshot s;
+    std::size_t lines = 0;
+    for (std::uint64_t groups : touched_) {
+      lines += static_cast<std::size_t>(__builtin_popcountll(groups));
+    }
+    s.buckets.reserve(lines * LatencyBlock::kGroupBits);
     for (std::size_t word = 0; word < touched_.size(); ++word) {
       for (std::uint64_t groups = touched_[word]; groups != 0; groups &= groups - 1) {
         const std::size_t group = word * 64 + static_cast<std::size_t>(__builtin_ctzll(groups));
@@ -218,7 +223,7 @@ class LatencyMerge {
 
   std::array<std::uint64_t, std::tuple_size<decltype(LatencyBlock::touched)>::value> touched_{};
   // Left unset where touched_ has no bit, which is never read.
-  std::unique_ptr<std::uint64_t[]> counts_{new std::uint64_t[kLatencyOverflowBucket + 1]};
+  std::array<std::uint64_t, kLatencyOverflowBucket + 1> counts_;
   std::uint64_t sum_ = 0;
   std::uint64_t max_ = 0;
 };
