@@ -3,12 +3,16 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
+#include <cstdlib>
+#include <deque>
 #include <exception>
 #include <functional>
 #include <mutex>
 #include <sstream>
 #include <stdexcept>
 #include <string_view>
+#include <thread>
 #include <typeinfo>
 #include <utility>
 
@@ -51,6 +55,10 @@ constexpr const char* kConfigChannel = "connector.config";
 constexpr const char* kTextFormat = "text";
 constexpr const char* kJsonFormat = "json";
 constexpr const char* kDefaultDestination = "stdout";
+constexpr const char* kAsyncPrefix = "async:";
+
+// Lines waiting for the writer at most; a line selected while it is full is dropped and counted.
+constexpr std::size_t kQueueCapacity = 8192;
 
 // What each key accepts, as refusals say it.
 constexpr const char* kAcceptsBool = "a bool (true or false)";
@@ -93,8 +101,14 @@ struct ShownValue : boost::static_visitor<std::string> {
   throw std::invalid_argument(text);
 }
 
+// The provider's writer is already the queue that "async:" would add, so "async:DEST" opens DEST:
+// a second queue would drop lines uncounted and write its own bare overflow line.
 std::shared_ptr<spdlog::sinks::sink> openDestination(const std::string& text) {
-  std::shared_ptr<spdlog::sinks::sink> sink = foundation::log::detail::open_destination(text);
+  const std::string_view async = kAsyncPrefix;
+  const bool queued =
+      text.compare(0, async.size(), async) == 0 && text.compare(async.size(), async.size(), async) != 0;
+  std::shared_ptr<spdlog::sinks::sink> sink =
+      foundation::log::detail::open_destination(queued ? text.substr(async.size()) : text);
   // Nothing around the payload: a line is exactly the text or the JSON object.
   sink->set_pattern("%v");
   return sink;
@@ -219,6 +233,146 @@ struct Output {
   }
 };
 
+// The provider's own writer: requests hand it lines and never wait for a destination; one thread
+// of its own writes them, in order. The queue is bounded: a line that finds it full is dropped and
+// counted, so a destination that stalls (a pipe nobody reads) costs lines, never callers.
+//
+// Shared by the provider's core and the writer's thread, which is detached: the core's destructor
+// only asks it to stop, and the thread writes out what is queued and ends by itself, so no
+// request thread that held the core last ever waits for a write. At exit every writer still alive
+// is written out (see writeOutAtExit()).
+class Writer : public std::enable_shared_from_this<Writer> {
+ public:
+  struct Entry {
+    std::shared_ptr<const Output> output;  // where the line goes, as settings stood when selected
+    std::string line;                      // empty: flush `output` and let it go (it was replaced)
+  };
+
+  static std::shared_ptr<Writer> start();
+
+  // Queues `entry`; returns false (and keeps nothing) when the queue is full.
+  bool push(Entry&& entry) {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (queue_.size() >= kQueueCapacity && !entry.line.empty()) {
+        return false;
+      }
+      queue_.push_back(std::move(entry));
+      ++queued_;
+    }
+    wake_.notify_one();
+    return true;
+  }
+
+  // Waits until every entry queued before the call has been handled.
+  void flush() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    const std::uint64_t target = queued_;
+    idle_.wait(lock, [&] { return handled_ >= target; });
+  }
+
+  void stop() {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      stopping_ = true;
+    }
+    wake_.notify_one();
+  }
+
+  std::atomic<std::uint64_t> written{0};
+  std::atomic<std::uint64_t> failed{0};
+
+ private:
+  void run();
+
+  std::mutex mutex_;
+  std::condition_variable wake_;  // the queue got an entry, or stopping_ was set
+  std::condition_variable idle_;  // handled_ grew
+  std::deque<Entry> queue_;       // guarded by mutex_
+  std::uint64_t queued_ = 0;      // guarded by mutex_; entries queued so far
+  std::uint64_t handled_ = 0;     // guarded by mutex_; entries written, failed or let go so far
+  bool stopping_ = false;         // guarded by mutex_
+};
+
+// The writers alive, for the exit handler. Never destroyed, so that it outlives every writer
+// whatever the order of static destruction.
+struct LiveWriters {
+  std::mutex mutex;
+  std::vector<std::weak_ptr<Writer>> writers;  // guarded by mutex
+};
+LiveWriters& liveWriters() {
+  static LiveWriters* const writers = new LiveWriters;
+  return *writers;
+}
+
+// At normal exit, every line selected so far is written, as the process log does with its queue.
+void writeOutAtExit() {
+  std::vector<std::weak_ptr<Writer>> writers;
+  {
+    std::lock_guard<std::mutex> lock(liveWriters().mutex);
+    writers = liveWriters().writers;
+  }
+  for (const std::weak_ptr<Writer>& entry : writers) {
+    if (const std::shared_ptr<Writer> writer = entry.lock()) {
+      writer->flush();
+    }
+  }
+}
+
+std::shared_ptr<Writer> Writer::start() {
+  static std::once_flag atExit;
+  std::call_once(atExit, [] { std::atexit(writeOutAtExit); });
+  auto writer = std::make_shared<Writer>();
+  {
+    std::lock_guard<std::mutex> lock(liveWriters().mutex);
+    auto& writers = liveWriters().writers;
+    writers.erase(std::remove_if(writers.begin(), writers.end(), [](const auto& w) { return w.expired(); }),
+                  writers.end());
+    writers.push_back(writer);
+  }
+  std::thread([writer] { writer->run(); }).detach();
+  return writer;
+}
+
+void Writer::run() {
+  std::deque<Entry> batch;
+  std::size_t done = 0;
+  for (;;) {
+    {
+      std::unique_lock<std::mutex> lock(mutex_);
+      handled_ += done;
+      idle_.notify_all();
+      wake_.wait(lock, [&] { return stopping_ || !queue_.empty(); });
+      if (queue_.empty()) {
+        return;
+      }
+      batch.swap(queue_);
+    }
+    for (Entry& entry : batch) {
+      spdlog::sinks::sink& sink = *entry.output->sink;
+      try {
+        if (entry.line.empty()) {
+          sink.flush();
+          entry.output.reset();  // a replaced destination is closed here, off the request path
+          continue;
+        }
+        sink.log(spdlog::details::log_msg(spdlog::source_loc{}, spdlog::string_view_t(), spdlog::level::info,
+                                          spdlog::string_view_t(entry.line.data(), entry.line.size())));
+        if (entry.output->flushEachLine) {
+          sink.flush();
+        }
+        written.fetch_add(1, std::memory_order_relaxed);
+      } catch (...) {
+        if (!entry.line.empty()) {
+          failed.fetch_add(1, std::memory_order_relaxed);
+        }
+      }
+    }
+    done = batch.size();
+    batch.clear();  // outside the lock: the last owner of a destination closes it
+  }
+}
+
 }  // namespace
 
 struct AccessLogServiceProvider::Core {
@@ -228,7 +382,12 @@ struct AccessLogServiceProvider::Core {
   std::atomic<int> slowerThanUs{0};
   std::atomic<int> sampleEvery{1};
   std::atomic<std::uint64_t> nextNumber{0};
-  std::atomic<std::uint64_t> failedWrites{0};
+  std::atomic<std::uint64_t> selected{0};
+  std::atomic<std::uint64_t> dropped{0};
+  std::atomic<std::uint64_t> failedToFormat{0};
+  const std::shared_ptr<Writer> writer = Writer::start();
+
+  ~Core() { writer->stop(); }
 
   // Held to read or replace `output`, never while a line is written or a file is opened.
   mutable std::mutex mutex;
@@ -239,13 +398,19 @@ struct AccessLogServiceProvider::Core {
     return output;
   }
 
-  // Replaces `output` by a copy that `change` has edited.
+  // Replaces `output` by a copy that `change` has edited. The writer flushes and lets go of the
+  // old one after the lines queued for it, so that neither this lock nor a request thread ever
+  // waits for a destination.
   template <typename Change>
   void changeOutput(Change&& change) {
-    std::lock_guard<std::mutex> lock(mutex);
-    auto next = std::make_shared<Output>(*output);
-    change(*next);
-    output = std::move(next);
+    std::shared_ptr<const Output> previous;
+    {
+      std::lock_guard<std::mutex> lock(mutex);
+      auto next = std::make_shared<Output>(*output);
+      change(*next);
+      previous = std::exchange(output, std::move(next));
+    }
+    writer->push(Writer::Entry{std::move(previous), std::string()});
   }
 
   // Called once per numbered request, when it has completed.
@@ -274,6 +439,7 @@ struct AccessLogServiceProvider::Core {
       if (outcome.ok() && out->excludes(name)) {
         return;
       }
+      selected.fetch_add(1, std::memory_order_relaxed);
       const std::chrono::system_clock::time_point now = std::chrono::system_clock::now();
       const auto startTime = now - std::chrono::duration_cast<std::chrono::system_clock::duration>(elapsed);
       Line line;
@@ -312,14 +478,11 @@ struct AccessLogServiceProvider::Core {
         append(line, " start=");
         appendUtcTime(line, startTime);
       }
-      out->sink->log(spdlog::details::log_msg(now, spdlog::source_loc{}, spdlog::string_view_t(),
-                                              spdlog::level::info,
-                                              spdlog::string_view_t(line.data(), line.size())));
-      if (out->flushEachLine) {
-        out->sink->flush();
+      if (!writer->push(Writer::Entry{out, std::string(line.data(), line.size())})) {
+        dropped.fetch_add(1, std::memory_order_relaxed);
       }
     } catch (...) {
-      failedWrites.fetch_add(1, std::memory_order_relaxed);
+      failedToFormat.fetch_add(1, std::memory_order_relaxed);
     }
   }
 };
@@ -439,7 +602,20 @@ AccessLogServiceProvider::~AccessLogServiceProvider() {
 }
 
 std::uint64_t AccessLogServiceProvider::failedWrites() const noexcept {
-  return core_->failedWrites.load();
+  return core_->failedToFormat.load() + core_->writer->failed.load();
+}
+
+AccessLogServiceProvider::LineCounts AccessLogServiceProvider::lineCounts() const noexcept {
+  LineCounts counts;
+  counts.selected = core_->selected.load();
+  counts.written = core_->writer->written.load();
+  counts.dropped = core_->dropped.load();
+  counts.failed = failedWrites();
+  return counts;
+}
+
+void AccessLogServiceProvider::flush() const {
+  core_->writer->flush();
 }
 
 Future<MessagePtr> AccessLogServiceProvider::deliver(MessagePtr&& message, Address&& address,

@@ -38,15 +38,19 @@
 // Never blocks and never changes an answer: deliver() returns the context's own future when the
 // answer is already Resolved, and otherwise a future that settles when the answer settles, with
 // the same response object or the same exception. An exception thrown by forward() is logged as a
-// failure and then leaves deliver(). A line that cannot be written is counted (failedWrites())
-// and dropped.
+// failure and then leaves deliver(). Lines are written by a thread of the provider's own, never by
+// the caller's, whatever the destination (a pipe nobody reads holds no caller): a line that finds
+// its bounded queue (8,192 lines) full is dropped and counted, and one that cannot be written is
+// counted (failedWrites()). "async:DEST" is accepted and writes to DEST through that same queue.
+// A replaced destination is flushed and closed by that thread, after the lines queued for it. At
+// normal exit every selected line is written, even of a provider that is never destroyed.
 //
 // Ownership: the provider keeps one canceller per key and shares its settings and destination
 // with the continuations of requests still pending, so a request that completes after the
 // provider is gone is still logged. Threads: any number of threads may call deliver() at once,
-// while the configuration delivers settings on its own threads; lines are written on the thread
-// that completes the request. When the destructor returns, no configuration callback of this
-// provider is running or will run.
+// while the configuration delivers settings on its own threads; a line is formatted on the thread
+// that completes the request and written on the provider's writer thread. When the destructor returns, no
+// configuration callback of this provider is running or will run.
 #pragma once
 
 #include <cstdint>
@@ -80,6 +84,21 @@ class CONNECTOR_EXPORT AccessLogServiceProvider : public connector::ServiceProvi
 
   // Lines that could not be written (the destination failed), since construction.
   std::uint64_t failedWrites() const noexcept;
+
+  // Lines since construction. Once flush() has returned, selected = written + dropped + failed
+  // for the lines selected before it was called.
+  struct LineCounts {
+    std::uint64_t selected = 0;  // chosen by the settings
+    std::uint64_t written = 0;   // handed to the destination
+    std::uint64_t dropped = 0;   // found the writer's queue full
+    std::uint64_t failed = 0;    // as failedWrites()
+  };
+  LineCounts lineCounts() const noexcept;
+
+  // Waits until every line selected before the call is written, dropped or counted as failed.
+  // Blocks for as long as the destination does; for tests, tools and orderly shutdown, not for
+  // the request path.
+  void flush() const;
 
  private:
   struct Core;

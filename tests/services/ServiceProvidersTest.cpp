@@ -2,13 +2,14 @@
 // moments of its lines, and what its caller receives when the answer or the stream fails (which
 // requests are selected and the form of the lines on streams of every format are checked by the
 // fuzzer's model, fuzz/LoggingProviderFuzzer.cpp). The access log: answers pass through untouched
-// and unwaited, the selection rules and their precedence, refused settings, and lines a JSON
-// parser reads whatever the exception says. The statistics: histogram edges and percentiles, the
-// slowest list, per-type counts, requests in flight, and the commands. Concurrent use is left to
-// the stress tests; the echo's answer to the connector's test and the transcripts, and its two
-// allocations per request to bench/framework/FutureBench.cpp.
+// and unwaited, the selection rules and their precedence, refused settings, lines a JSON parser
+// reads whatever the exception says, and a stalled destination that holds no caller. The statistics:
+// histogram edges and percentiles, the slowest list, per-type counts, requests in flight, and the commands.
+// Concurrent use is left to the stress tests; the echo's answer to the connector's test and the transcripts,
+// and its two allocations per request to bench/framework/FutureBench.cpp.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 #include <nlohmann/json.hpp>
 
 #include <chrono>
@@ -229,7 +230,7 @@ struct Log {
       configuration->send("access." + key, value);
     }
   }
-  std::vector<std::string> lines() const { return TempDirectory::lines(file); }
+  std::vector<std::string> lines() const { return provider.flush(), TempDirectory::lines(file); }
 };
 
 // While enabled: failed requests always, excluded ones never otherwise, slow ones always
@@ -328,6 +329,49 @@ TEST(AccessLogJson, EveryLineParsesWhateverTheExceptionSays) {
   for (std::size_t i = 0; i < texts.size(); ++i) {
     EXPECT_EQ(nlohmann::json::parse(lines[i])["what"],
               i == 3 ? "bad \xef\xbf\xbd\xef\xbf\xbd utf-8 \xef\xbf\xbd" : texts[i]);
+  }
+}
+
+// Whatever the destination does, deliver() returns and the answer settles without waiting for a
+// write: a pipe on stdout that nobody reads holds only the provider's writer, whose full queue
+// drops lines and counts them. Once the pipe is read, every line is a JSON object (async: adds no
+// line of its own) and selected = written + dropped + failed.
+TEST(AccessLogWriter, AStalledDestinationHoldsNoCallerAndEveryLineIsCounted) {
+  for (const std::string destination : {"stdout", "async:stdout"}) {
+    int pipeEnds[2];
+    ASSERT_EQ(pipe(pipeEnds), 0);
+    std::fflush(stdout);
+    const int savedStdout = dup(STDOUT_FILENO);
+    dup2(pipeEnds[1], STDOUT_FILENO);
+    auto configuration = std::make_shared<FakeConfiguration>();
+    common_services::AccessLogServiceProvider provider{configuration, "access"};
+    configuration->send("access.format", "json"s);
+    configuration->send("access.destination", destination);
+    for (int i = 0; i < 20000; ++i) {
+      deliver(provider, std::make_unique<app::Ping>(), echoing()).get();
+    }
+    std::string text;
+    std::thread reader([&] {
+      char buffer[4096];
+      for (ssize_t n; (n = read(pipeEnds[0], buffer, sizeof buffer)) > 0;)
+        text.append(buffer, n);
+    });
+    provider.flush();
+    dup2(savedStdout, STDOUT_FILENO);
+    close(pipeEnds[1]);
+    reader.join();
+    const auto counts = provider.lineCounts();
+    EXPECT_EQ(counts.selected, 20000u);
+    EXPECT_GT(counts.dropped, 0u);
+    EXPECT_EQ(counts.written + counts.dropped + counts.failed, counts.selected);
+    std::istringstream lines(text);
+    std::uint64_t parsed = 0;
+    for (std::string line; std::getline(lines, line); ++parsed) {
+      EXPECT_TRUE(nlohmann::json::accept(line)) << line;
+    }
+    EXPECT_EQ(parsed, counts.written);
+    close(savedStdout);
+    close(pipeEnds[0]);
   }
 }
 
