@@ -3,7 +3,8 @@
 // requests are selected and the form of the lines on streams of every format are checked by the
 // fuzzer's model, fuzz/LoggingProviderFuzzer.cpp). The access log: answers pass through untouched
 // and unwaited, the selection rules and their precedence, refused settings, lines a JSON parser
-// reads whatever the exception says, and a stalled destination that holds no caller. The statistics:
+// reads whatever the exception says, a stalled destination that holds no caller, and the lines
+// written out at exit. The statistics:
 // histogram edges and percentiles, the slowest list, per-type counts, requests in flight, and the commands.
 // Concurrent use is left to the stress tests; the echo's answer to the connector's test and the transcripts,
 // and its two allocations per request to bench/framework/FutureBench.cpp.
@@ -373,6 +374,23 @@ TEST(AccessLogWriter, AStalledDestinationHoldsNoCallerAndEveryLineIsCounted) {
     close(savedStdout);
     close(pipeEnds[0]);
   }
+}
+
+// At a normal exit every selected line is written, even by a provider that is never destroyed.
+TEST(AccessLogWriter, ANormalExitWritesEverySelectedLine) {
+  TempDirectory directory;
+  const std::string file = directory / "access.log";
+  const auto write = [&] {
+    auto configuration = std::make_shared<FakeConfiguration>();
+    auto* provider = new common_services::AccessLogServiceProvider(configuration, "access");
+    configuration->send("access.destination", "async:file:" + file);
+    for (int i = 0; i < 8000; ++i) {  // 8,000 fit the queue: nothing may be dropped
+      deliver(*provider, std::make_unique<app::Ping>(), echoing());
+    }
+    std::exit(0);
+  };
+  EXPECT_EXIT(write(), ::testing::ExitedWithCode(0), "");
+  EXPECT_EQ(TempDirectory::lines(file).size(), 8000u);
 }
 
 TEST(LatencyHistogram, BucketsArePowersOfTwoMicrosecondsAndPercentilesTheirBounds) {
