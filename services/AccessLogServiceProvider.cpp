@@ -16,17 +16,15 @@
 #include <typeinfo>
 #include <utility>
 
-#include <spdlog/details/log_msg.h>
 #include <spdlog/fmt/fmt.h>  // fmt::memory_buffer and fmt::format_int
-#include <spdlog/sinks/sink.h>
 #include <boost/variant/apply_visitor.hpp>
 #include <boost/variant/get.hpp>
 #include <boost/variant/static_visitor.hpp>
 #include <nlohmann/json.hpp>
 
 #include "foundation/core/detail/TickClock.h"
+#include "foundation/log/LineDestination.h"
 #include "foundation/log/Log.h"
-#include "foundation/log/detail/Destination.h"
 #include "framework/CallbackSubscriber.h"
 #include "services/detail/AnswerObserver.h"
 #include "services/detail/MessageTypeName.h"
@@ -103,15 +101,11 @@ struct ShownValue : boost::static_visitor<std::string> {
 
 // The provider's writer is already the queue that "async:" would add, so "async:DEST" opens DEST:
 // a second queue would drop lines uncounted and write its own bare overflow line.
-std::shared_ptr<spdlog::sinks::sink> openDestination(const std::string& text) {
+std::shared_ptr<foundation::log::line_destination> openDestination(const std::string& text) {
   const std::string_view async = kAsyncPrefix;
   const bool queued =
       text.compare(0, async.size(), async) == 0 && text.compare(async.size(), async.size(), async) != 0;
-  std::shared_ptr<spdlog::sinks::sink> sink =
-      foundation::log::detail::open_destination(queued ? text.substr(async.size()) : text);
-  // Nothing around the payload: a line is exactly the text or the JSON object.
-  sink->set_pattern("%v");
-  return sink;
+  return std::make_shared<foundation::log::line_destination>(queued ? text.substr(async.size()) : text);
 }
 
 std::vector<std::string> splitPrefixes(const std::string& text) {
@@ -216,7 +210,7 @@ void appendUtcTime(Line& line, std::chrono::system_clock::time_point time) {
 // is written with one consistent set.
 struct Output {
   std::string destination = kDefaultDestination;
-  std::shared_ptr<spdlog::sinks::sink> sink;
+  std::shared_ptr<foundation::log::line_destination> sink;
   // spdlog's standard-stream sinks flush every line themselves, and null has nothing to flush.
   bool flushEachLine = false;
   bool json = false;
@@ -349,15 +343,14 @@ void Writer::run() {
       batch.swap(queue_);
     }
     for (Entry& entry : batch) {
-      spdlog::sinks::sink& sink = *entry.output->sink;
+      foundation::log::line_destination& sink = *entry.output->sink;
       try {
         if (entry.line.empty()) {
           sink.flush();
           entry.output.reset();  // a replaced destination is closed here, off the request path
           continue;
         }
-        sink.log(spdlog::details::log_msg(spdlog::source_loc{}, spdlog::string_view_t(), spdlog::level::info,
-                                          spdlog::string_view_t(entry.line.data(), entry.line.size())));
+        sink.write(entry.line);
         if (entry.output->flushEachLine) {
           sink.flush();
         }
@@ -577,7 +570,7 @@ AccessLogServiceProvider::AccessLogServiceProvider(
   followString(
       kDestinationKeySuffix, kAcceptsDestination, [destinationKey](Core& c, const std::string* text) {
         if (text != nullptr) {
-          std::shared_ptr<spdlog::sinks::sink> sink;
+          std::shared_ptr<foundation::log::line_destination> sink;
           try {
             sink = openDestination(*text);  // outside the lock: it may touch the file system
           } catch (const std::exception& error) {

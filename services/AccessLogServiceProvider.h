@@ -27,7 +27,8 @@
 //   NAME.exclude       string, ""    comma-separated type-name prefixes never logged unless failed
 //   NAME.format        "text"        text or json
 //   NAME.destination   "stdout"      as the process log's destinations (stderr, null, file:PATH,
-//                                    ...), under the process log's file confinement
+//                                    ...), under the process log's file confinement; its file is
+//                                    reopened by foundation::log::reopen() (connector.log.reopen)
 // So, while enabled: a failed request is always logged; an excluded one never otherwise; a slow
 // one always otherwise; the rest only when errorsOnly is off and they are sampled. A value of the
 // wrong type or out of range is refused: the setting stays, a warn record on the process log's

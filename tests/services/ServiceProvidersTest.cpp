@@ -3,8 +3,8 @@
 // requests are selected and the form of the lines on streams of every format are checked by the
 // fuzzer's model, fuzz/LoggingProviderFuzzer.cpp). The access log: answers pass through untouched
 // and unwaited, the selection rules and their precedence, refused settings, lines a JSON parser
-// reads whatever the exception says, a stalled destination that holds no caller, and the lines
-// written out at exit. The statistics:
+// reads whatever the exception says, a stalled destination that holds no caller, the lines
+// written out at exit, and a reopen after a rename. The statistics:
 // histogram edges and percentiles, the slowest list, per-type counts, requests in flight, and the commands.
 // Concurrent use is left to the stress tests; the echo's answer to the connector's test and the transcripts,
 // and its two allocations per request to bench/framework/FutureBench.cpp.
@@ -13,6 +13,7 @@
 #include <unistd.h>
 #include <nlohmann/json.hpp>
 
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <memory>
@@ -391,6 +392,38 @@ TEST(AccessLogWriter, ANormalExitWritesEverySelectedLine) {
   };
   EXPECT_EXIT(write(), ::testing::ExitedWithCode(0), "");
   EXPECT_EQ(TempDirectory::lines(file).size(), 8000u);
+}
+
+// The process log's reopen reopens an access log's file too: across a rename while lines are on
+// their way, the renamed file and the new one hold every line once, in order.
+TEST(AccessLogWriter, AReopenAfterARenameLosesAndDoublesNoLine) {
+  Log log;
+  const std::string previous = foundation::log::destination();
+  foundation::log::set_destination("file:" + (log.directory / "process.log"));
+  std::atomic<bool> reopened{false};
+  std::thread sender([&] {
+    for (int i = 0; i < 2000; ++i) {
+      while (i == 1000 && !reopened.load()) {
+        std::this_thread::yield();
+      }
+      deliver(log.provider, std::make_unique<app::Ping>(), echoing());
+    }
+  });
+  while (log.provider.lineCounts().written < 500) {
+    std::this_thread::yield();
+  }
+  std::rename(log.file.c_str(), (log.file + ".1").c_str());
+  foundation::log::reopen();
+  reopened.store(true);
+  sender.join();
+  std::vector<std::string> lines = log.lines(), renamed = TempDirectory::lines(log.file + ".1");
+  EXPECT_GE(lines.size(), 1000u);
+  lines.insert(lines.begin(), renamed.begin(), renamed.end());
+  ASSERT_EQ(lines.size(), 2000u);
+  for (std::size_t i = 0; i < lines.size(); ++i) {
+    EXPECT_EQ(lines[i].substr(0, lines[i].find(' ')), std::to_string(i));
+  }
+  foundation::log::set_destination(previous);
 }
 
 TEST(LatencyHistogram, BucketsArePowersOfTwoMicrosecondsAndPercentilesTheirBounds) {
