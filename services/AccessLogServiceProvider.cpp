@@ -153,6 +153,20 @@ void appendJsonString(Line& line, std::string_view text) {
          nlohmann::json(std::string(text)).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
 }
 
+// A name field of a text line: as it is when it has a byte and no blank, control character or
+// quote, otherwise as a JSON string, so that a line splits back into its fields whatever the name.
+void appendToken(Line& line, std::string_view text) {
+  const bool bare = !text.empty() && std::none_of(text.begin(), text.end(), [](char c) {
+    const auto byte = static_cast<unsigned char>(c);
+    return byte <= 0x20 || byte == 0x7f || c == '"';
+  });
+  if (bare) {
+    append(line, text);
+  } else {
+    appendJsonString(line, text);
+  }
+}
+
 // Lines are built with plain appends: a format string parsed for every line cost more than the
 // rest of the line together.
 void appendNumber(Line& line, std::uint64_t number) {
@@ -369,6 +383,9 @@ void Writer::run() {
 }  // namespace
 
 struct AccessLogServiceProvider::Core {
+  explicit Core(const std::string& providerName) : name(providerName) {}
+
+  const std::string name;  // the provider's, written on every line
   // Read on every request, without a lock.
   std::atomic<bool> enabled{true};
   std::atomic<bool> errorsOnly{false};
@@ -407,8 +424,8 @@ struct AccessLogServiceProvider::Core {
   }
 
   // Called once per numbered request, when it has completed.
-  void finish(std::uint64_t number, const std::type_info& type, tick_clock::time_point start,
-              const Outcome& outcome) noexcept {
+  void finish(std::uint64_t number, const std::type_info& type, std::string_view address,
+              tick_clock::time_point start, const Outcome& outcome) noexcept {
     try {
       if (!enabled.load(std::memory_order_relaxed)) {
         return;
@@ -439,6 +456,10 @@ struct AccessLogServiceProvider::Core {
       if (out->json) {
         append(line, "{\"number\":");
         appendNumber(line, number);
+        append(line, ",\"provider\":");
+        appendJsonString(line, this->name);
+        append(line, ",\"address\":");
+        appendJsonString(line, address);
         append(line, ",\"type\":");
         appendJsonString(line, name);
         append(line, ",\"outcome\":");
@@ -457,12 +478,16 @@ struct AccessLogServiceProvider::Core {
       } else {
         appendNumber(line, number);
         line.push_back(' ');
-        append(line, name);
+        appendToken(line, this->name);
+        line.push_back(' ');
+        appendToken(line, address);
+        line.push_back(' ');
+        appendToken(line, name);
         line.push_back(' ');
         if (outcome.ok()) {
           append(line, kOk);
         } else {
-          append(line, outcome.exceptionType);
+          appendToken(line, outcome.exceptionType);
           line.push_back(' ');
           appendJsonString(line, outcome.what);
         }
@@ -482,7 +507,7 @@ struct AccessLogServiceProvider::Core {
 
 AccessLogServiceProvider::AccessLogServiceProvider(
     std::shared_ptr<configuration::Configuration> configuration, const std::string& name)
-    : core_(std::make_shared<Core>()) {
+    : core_(std::make_shared<Core>(name)) {
   {
     auto output = std::make_shared<Output>();
     output->sink = openDestination(kDefaultDestination);
@@ -623,6 +648,7 @@ Future<MessagePtr> AccessLogServiceProvider::deliver(MessagePtr&& message, Addre
   const std::type_info& type = typeid(object);  // the message itself may be gone by completion
   const std::uint64_t number = observed ? core->nextNumber.fetch_add(1, std::memory_order_relaxed) : 0;
   const tick_clock::time_point start = observed ? tick_clock::now() : tick_clock::time_point();
+  std::string addressName = observed ? address.name() : std::string();  // the address moves on
   // One named future, returned at the only return below, so that it is built in the caller's
   // place and an answer that is already Resolved goes back without a single move.
   Future<MessagePtr> answer = [&] {
@@ -630,7 +656,7 @@ Future<MessagePtr> AccessLogServiceProvider::deliver(MessagePtr&& message, Addre
       return context->forward(std::move(message), std::move(address));
     } catch (...) {
       if (observed) {
-        core->finish(number, type, start, detail::currentFailure());
+        core->finish(number, type, addressName, start, detail::currentFailure());
       }
       throw;
     }
@@ -638,7 +664,9 @@ Future<MessagePtr> AccessLogServiceProvider::deliver(MessagePtr&& message, Addre
   if (observed) {
     detail::observeAnswer(
         answer,
-        [core, number, &type, start](const Outcome& outcome) { core->finish(number, type, start, outcome); },
+        [core, number, &type, addressName = std::move(addressName), start](const Outcome& outcome) {
+          core->finish(number, type, addressName, start, outcome);
+        },
         [this] { return core_; });
   }
   return answer;

@@ -4,17 +4,27 @@
 // written (failures, slow requests, a deterministic sample) while the provider runs.
 //
 // A line says: the request number (every request is numbered from 0 while the log is enabled),
-// the message type name (as the logging provider names it), the outcome (ok, or the exception's
-// type name and what()), the elapsed time in microseconds (steady clock) and the start time (UTC,
-// ISO 8601 with microseconds). Format text:
-//   7 demo::Order ok elapsed_us=12 start=2026-11-23T08:40:00.123456Z
-//   8 demo::Ping std::runtime_error "flaky: refused request 3" elapsed_us=15
+// the provider's name, the request's address, the message type name (as the logging provider
+// names it), the outcome (ok, or the exception's type name and what()), the elapsed time in
+// microseconds (steady clock) and the start time (UTC, ISO 8601 with microseconds). Format text,
+// fields separated by one blank:
+//   line    = NUMBER SP NAME SP NAME SP NAME SP outcome SP "elapsed_us=" DIGITS SP "start=" TIME
+//   outcome = "ok" | NAME SP STRING          (the exception's type name and its what())
+//   NAME    = the name as it is when it is not empty and holds no byte up to 0x20, no 0x7f and
+//             no '"'; otherwise a STRING
+//   STRING  = a JSON string ('"', escapes, '"'; invalid UTF-8 becomes U+FFFD)
+// so a line splits back into its fields whatever the names (a field that starts with '"' is a
+// STRING); an outcome is ok exactly when the field after "ok" is not a STRING:
+//   7 access api demo::Order ok elapsed_us=12 start=2026-11-23T08:40:00.123456Z
+//   8 access flaky demo::Ping std::runtime_error "flaky: refused request 3" elapsed_us=15
 //   start=2026-11-23T08:40:00.123501Z
 // Format json, one object per line, keys always in this order; "exception" and "what" only for a
 // failed request; strings are valid JSON whatever the bytes (invalid UTF-8 becomes U+FFFD):
-//   {"number":7,"type":"demo::Order","outcome":"ok","elapsed_us":12,"start":"2026-11-23T08:40:00.123456Z"}
-//   {"number":8,"type":"demo::Ping","outcome":"failed","exception":"std::runtime_error",
-//    "what":"flaky: refused request 3","elapsed_us":15,"start":"2026-11-23T08:40:00.123501Z"}
+//   {"number":7,"provider":"access","address":"api","type":"demo::Order","outcome":"ok",
+//    "elapsed_us":12,"start":"2026-11-23T08:40:00.123456Z"}
+//   {"number":8,"provider":"access","address":"flaky","type":"demo::Ping","outcome":"failed",
+//    "exception":"std::runtime_error","what":"flaky: refused request 3","elapsed_us":15,
+//    "start":"2026-11-23T08:40:00.123501Z"}
 // A line is exactly that text or object and a newline; each is flushed as it is written.
 //
 // Settings, configuration keys formed from the name (defaults written under the label "default",
