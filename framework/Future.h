@@ -285,6 +285,12 @@ class Future {
 
   bool isValid() const noexcept { return valid.load(); }
 
+  // The status as it stands, without waiting (Rejected for a handle that is not valid: there is
+  // nothing to wait on). Any status but Pending is final; Resolved means get() would not block.
+  detail::Status status() const noexcept {
+    return isValid() && state ? state->status.load(std::memory_order_acquire) : detail::Status::Rejected;
+  }
+
   // Returns the value, or throws the stored exception (one level of a stored std::exception_ptr
   // object is unwrapped). A state rejected with an empty std::exception_ptr, directly or inside
   // the unwrapped level, throws std::runtime_error "Future was rejected with an empty

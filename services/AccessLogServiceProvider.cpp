@@ -3,26 +3,28 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
+#include <cstdlib>
+#include <deque>
 #include <exception>
 #include <functional>
 #include <mutex>
 #include <sstream>
 #include <stdexcept>
 #include <string_view>
+#include <thread>
 #include <typeinfo>
 #include <utility>
 
-#include <spdlog/details/log_msg.h>
 #include <spdlog/fmt/fmt.h>  // fmt::memory_buffer and fmt::format_int
-#include <spdlog/sinks/sink.h>
 #include <boost/variant/apply_visitor.hpp>
 #include <boost/variant/get.hpp>
 #include <boost/variant/static_visitor.hpp>
 #include <nlohmann/json.hpp>
 
 #include "foundation/core/detail/TickClock.h"
+#include "foundation/log/LineDestination.h"
 #include "foundation/log/Log.h"
-#include "foundation/log/detail/Destination.h"
 #include "framework/CallbackSubscriber.h"
 #include "services/detail/AnswerObserver.h"
 #include "services/detail/MessageTypeName.h"
@@ -51,6 +53,10 @@ constexpr const char* kConfigChannel = "connector.config";
 constexpr const char* kTextFormat = "text";
 constexpr const char* kJsonFormat = "json";
 constexpr const char* kDefaultDestination = "stdout";
+constexpr const char* kAsyncPrefix = "async:";
+
+// Lines waiting for the writer at most; a line selected while it is full is dropped and counted.
+constexpr std::size_t kQueueCapacity = 8192;
 
 // What each key accepts, as refusals say it.
 constexpr const char* kAcceptsBool = "a bool (true or false)";
@@ -93,11 +99,13 @@ struct ShownValue : boost::static_visitor<std::string> {
   throw std::invalid_argument(text);
 }
 
-std::shared_ptr<spdlog::sinks::sink> openDestination(const std::string& text) {
-  std::shared_ptr<spdlog::sinks::sink> sink = foundation::log::detail::open_destination(text);
-  // Nothing around the payload: a line is exactly the text or the JSON object.
-  sink->set_pattern("%v");
-  return sink;
+// The provider's writer is already the queue that "async:" would add, so "async:DEST" opens DEST:
+// a second queue would drop lines uncounted and write its own bare overflow line.
+std::shared_ptr<foundation::log::line_destination> openDestination(const std::string& text) {
+  const std::string_view async = kAsyncPrefix;
+  const bool queued =
+      text.compare(0, async.size(), async) == 0 && text.compare(async.size(), async.size(), async) != 0;
+  return std::make_shared<foundation::log::line_destination>(queued ? text.substr(async.size()) : text);
 }
 
 std::vector<std::string> splitPrefixes(const std::string& text) {
@@ -143,6 +151,20 @@ void appendJsonString(Line& line, std::string_view text) {
   }
   append(line,
          nlohmann::json(std::string(text)).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+}
+
+// A name field of a text line: as it is when it has a byte and no blank, control character or
+// quote, otherwise as a JSON string, so that a line splits back into its fields whatever the name.
+void appendToken(Line& line, std::string_view text) {
+  const bool bare = !text.empty() && std::none_of(text.begin(), text.end(), [](char c) {
+    const auto byte = static_cast<unsigned char>(c);
+    return byte <= 0x20 || byte == 0x7f || c == '"';
+  });
+  if (bare) {
+    append(line, text);
+  } else {
+    appendJsonString(line, text);
+  }
 }
 
 // Lines are built with plain appends: a format string parsed for every line cost more than the
@@ -202,7 +224,7 @@ void appendUtcTime(Line& line, std::chrono::system_clock::time_point time) {
 // is written with one consistent set.
 struct Output {
   std::string destination = kDefaultDestination;
-  std::shared_ptr<spdlog::sinks::sink> sink;
+  std::shared_ptr<foundation::log::line_destination> sink;
   // spdlog's standard-stream sinks flush every line themselves, and null has nothing to flush.
   bool flushEachLine = false;
   bool json = false;
@@ -219,16 +241,163 @@ struct Output {
   }
 };
 
+// The provider's own writer: requests hand it lines and never wait for a destination; one thread
+// of its own writes them, in order. The queue is bounded: a line that finds it full is dropped and
+// counted, so a destination that stalls (a pipe nobody reads) costs lines, never callers.
+//
+// Shared by the provider's core and the writer's thread, which is detached: the core's destructor
+// only asks it to stop, and the thread writes out what is queued and ends by itself, so no
+// request thread that held the core last ever waits for a write. At exit every writer still alive
+// is written out (see writeOutAtExit()).
+class Writer : public std::enable_shared_from_this<Writer> {
+ public:
+  struct Entry {
+    std::shared_ptr<const Output> output;  // where the line goes, as settings stood when selected
+    std::string line;                      // empty: flush `output` and let it go (it was replaced)
+  };
+
+  static std::shared_ptr<Writer> start();
+
+  // Queues `entry`; returns false (and keeps nothing) when the queue is full.
+  bool push(Entry&& entry) {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (queue_.size() >= kQueueCapacity && !entry.line.empty()) {
+        return false;
+      }
+      queue_.push_back(std::move(entry));
+      ++queued_;
+    }
+    wake_.notify_one();
+    return true;
+  }
+
+  // Waits until every entry queued before the call has been handled.
+  void flush() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    const std::uint64_t target = queued_;
+    idle_.wait(lock, [&] { return handled_ >= target; });
+  }
+
+  void stop() {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      stopping_ = true;
+    }
+    wake_.notify_one();
+  }
+
+  std::atomic<std::uint64_t> written{0};
+  std::atomic<std::uint64_t> failed{0};
+
+ private:
+  void run();
+
+  std::mutex mutex_;
+  std::condition_variable wake_;  // the queue got an entry, or stopping_ was set
+  std::condition_variable idle_;  // handled_ grew
+  std::deque<Entry> queue_;       // guarded by mutex_
+  std::uint64_t queued_ = 0;      // guarded by mutex_; entries queued so far
+  std::uint64_t handled_ = 0;     // guarded by mutex_; entries written, failed or let go so far
+  bool stopping_ = false;         // guarded by mutex_
+};
+
+// The writers alive, for the exit handler. Never destroyed, so that it outlives every writer
+// whatever the order of static destruction.
+struct LiveWriters {
+  std::mutex mutex;
+  std::vector<std::weak_ptr<Writer>> writers;  // guarded by mutex
+};
+LiveWriters& liveWriters() {
+  static LiveWriters* const writers = new LiveWriters;
+  return *writers;
+}
+
+// At normal exit, every line selected so far is written, as the process log does with its queue.
+void writeOutAtExit() {
+  std::vector<std::weak_ptr<Writer>> writers;
+  {
+    std::lock_guard<std::mutex> lock(liveWriters().mutex);
+    writers = liveWriters().writers;
+  }
+  for (const std::weak_ptr<Writer>& entry : writers) {
+    if (const std::shared_ptr<Writer> writer = entry.lock()) {
+      writer->flush();
+    }
+  }
+}
+
+std::shared_ptr<Writer> Writer::start() {
+  static std::once_flag atExit;
+  std::call_once(atExit, [] { std::atexit(writeOutAtExit); });
+  auto writer = std::make_shared<Writer>();
+  {
+    std::lock_guard<std::mutex> lock(liveWriters().mutex);
+    auto& writers = liveWriters().writers;
+    writers.erase(std::remove_if(writers.begin(), writers.end(), [](const auto& w) { return w.expired(); }),
+                  writers.end());
+    writers.push_back(writer);
+  }
+  std::thread([writer] { writer->run(); }).detach();
+  return writer;
+}
+
+void Writer::run() {
+  std::deque<Entry> batch;
+  std::size_t done = 0;
+  for (;;) {
+    {
+      std::unique_lock<std::mutex> lock(mutex_);
+      handled_ += done;
+      idle_.notify_all();
+      wake_.wait(lock, [&] { return stopping_ || !queue_.empty(); });
+      if (queue_.empty()) {
+        return;
+      }
+      batch.swap(queue_);
+    }
+    for (Entry& entry : batch) {
+      foundation::log::line_destination& sink = *entry.output->sink;
+      try {
+        if (entry.line.empty()) {
+          sink.flush();
+          entry.output.reset();  // a replaced destination is closed here, off the request path
+          continue;
+        }
+        sink.write(entry.line);
+        if (entry.output->flushEachLine) {
+          sink.flush();
+        }
+        written.fetch_add(1, std::memory_order_relaxed);
+      } catch (...) {
+        if (!entry.line.empty()) {
+          failed.fetch_add(1, std::memory_order_relaxed);
+        }
+      }
+    }
+    done = batch.size();
+    batch.clear();  // outside the lock: the last owner of a destination closes it
+  }
+}
+
 }  // namespace
 
 struct AccessLogServiceProvider::Core {
+  explicit Core(const std::string& providerName) : name(providerName) {}
+
+  const std::string name;  // the provider's, written on every line
   // Read on every request, without a lock.
   std::atomic<bool> enabled{true};
   std::atomic<bool> errorsOnly{false};
   std::atomic<int> slowerThanUs{0};
   std::atomic<int> sampleEvery{1};
   std::atomic<std::uint64_t> nextNumber{0};
-  std::atomic<std::uint64_t> failedWrites{0};
+  std::atomic<std::uint64_t> selected{0};
+  std::atomic<std::uint64_t> dropped{0};
+  std::atomic<std::uint64_t> failedToFormat{0};
+  const std::shared_ptr<Writer> writer = Writer::start();
+
+  ~Core() { writer->stop(); }
 
   // Held to read or replace `output`, never while a line is written or a file is opened.
   mutable std::mutex mutex;
@@ -239,18 +408,24 @@ struct AccessLogServiceProvider::Core {
     return output;
   }
 
-  // Replaces `output` by a copy that `change` has edited.
+  // Replaces `output` by a copy that `change` has edited. The writer flushes and lets go of the
+  // old one after the lines queued for it, so that neither this lock nor a request thread ever
+  // waits for a destination.
   template <typename Change>
   void changeOutput(Change&& change) {
-    std::lock_guard<std::mutex> lock(mutex);
-    auto next = std::make_shared<Output>(*output);
-    change(*next);
-    output = std::move(next);
+    std::shared_ptr<const Output> previous;
+    {
+      std::lock_guard<std::mutex> lock(mutex);
+      auto next = std::make_shared<Output>(*output);
+      change(*next);
+      previous = std::exchange(output, std::move(next));
+    }
+    writer->push(Writer::Entry{std::move(previous), std::string()});
   }
 
   // Called once per numbered request, when it has completed.
-  void finish(std::uint64_t number, const std::type_info& type, tick_clock::time_point start,
-              const Outcome& outcome) noexcept {
+  void finish(std::uint64_t number, const std::type_info& type, std::string_view address,
+              tick_clock::time_point start, const Outcome& outcome) noexcept {
     try {
       if (!enabled.load(std::memory_order_relaxed)) {
         return;
@@ -274,12 +449,17 @@ struct AccessLogServiceProvider::Core {
       if (outcome.ok() && out->excludes(name)) {
         return;
       }
+      selected.fetch_add(1, std::memory_order_relaxed);
       const std::chrono::system_clock::time_point now = std::chrono::system_clock::now();
       const auto startTime = now - std::chrono::duration_cast<std::chrono::system_clock::duration>(elapsed);
       Line line;
       if (out->json) {
         append(line, "{\"number\":");
         appendNumber(line, number);
+        append(line, ",\"provider\":");
+        appendJsonString(line, this->name);
+        append(line, ",\"address\":");
+        appendJsonString(line, address);
         append(line, ",\"type\":");
         appendJsonString(line, name);
         append(line, ",\"outcome\":");
@@ -298,12 +478,16 @@ struct AccessLogServiceProvider::Core {
       } else {
         appendNumber(line, number);
         line.push_back(' ');
-        append(line, name);
+        appendToken(line, this->name);
+        line.push_back(' ');
+        appendToken(line, address);
+        line.push_back(' ');
+        appendToken(line, name);
         line.push_back(' ');
         if (outcome.ok()) {
           append(line, kOk);
         } else {
-          append(line, outcome.exceptionType);
+          appendToken(line, outcome.exceptionType);
           line.push_back(' ');
           appendJsonString(line, outcome.what);
         }
@@ -312,21 +496,18 @@ struct AccessLogServiceProvider::Core {
         append(line, " start=");
         appendUtcTime(line, startTime);
       }
-      out->sink->log(spdlog::details::log_msg(now, spdlog::source_loc{}, spdlog::string_view_t(),
-                                              spdlog::level::info,
-                                              spdlog::string_view_t(line.data(), line.size())));
-      if (out->flushEachLine) {
-        out->sink->flush();
+      if (!writer->push(Writer::Entry{out, std::string(line.data(), line.size())})) {
+        dropped.fetch_add(1, std::memory_order_relaxed);
       }
     } catch (...) {
-      failedWrites.fetch_add(1, std::memory_order_relaxed);
+      failedToFormat.fetch_add(1, std::memory_order_relaxed);
     }
   }
 };
 
 AccessLogServiceProvider::AccessLogServiceProvider(
     std::shared_ptr<configuration::Configuration> configuration, const std::string& name)
-    : core_(std::make_shared<Core>()) {
+    : core_(std::make_shared<Core>(name)) {
   {
     auto output = std::make_shared<Output>();
     output->sink = openDestination(kDefaultDestination);
@@ -414,7 +595,7 @@ AccessLogServiceProvider::AccessLogServiceProvider(
   followString(
       kDestinationKeySuffix, kAcceptsDestination, [destinationKey](Core& c, const std::string* text) {
         if (text != nullptr) {
-          std::shared_ptr<spdlog::sinks::sink> sink;
+          std::shared_ptr<foundation::log::line_destination> sink;
           try {
             sink = openDestination(*text);  // outside the lock: it may touch the file system
           } catch (const std::exception& error) {
@@ -439,7 +620,20 @@ AccessLogServiceProvider::~AccessLogServiceProvider() {
 }
 
 std::uint64_t AccessLogServiceProvider::failedWrites() const noexcept {
-  return core_->failedWrites.load();
+  return core_->failedToFormat.load() + core_->writer->failed.load();
+}
+
+AccessLogServiceProvider::LineCounts AccessLogServiceProvider::lineCounts() const noexcept {
+  LineCounts counts;
+  counts.selected = core_->selected.load();
+  counts.written = core_->writer->written.load();
+  counts.dropped = core_->dropped.load();
+  counts.failed = failedWrites();
+  return counts;
+}
+
+void AccessLogServiceProvider::flush() const {
+  core_->writer->flush();
 }
 
 Future<MessagePtr> AccessLogServiceProvider::deliver(MessagePtr&& message, Address&& address,
@@ -454,6 +648,7 @@ Future<MessagePtr> AccessLogServiceProvider::deliver(MessagePtr&& message, Addre
   const std::type_info& type = typeid(object);  // the message itself may be gone by completion
   const std::uint64_t number = observed ? core->nextNumber.fetch_add(1, std::memory_order_relaxed) : 0;
   const tick_clock::time_point start = observed ? tick_clock::now() : tick_clock::time_point();
+  std::string addressName = observed ? address.name() : std::string();  // the address moves on
   // One named future, returned at the only return below, so that it is built in the caller's
   // place and an answer that is already Resolved goes back without a single move.
   Future<MessagePtr> answer = [&] {
@@ -461,7 +656,7 @@ Future<MessagePtr> AccessLogServiceProvider::deliver(MessagePtr&& message, Addre
       return context->forward(std::move(message), std::move(address));
     } catch (...) {
       if (observed) {
-        core->finish(number, type, start, detail::currentFailure());
+        core->finish(number, type, addressName, start, detail::currentFailure());
       }
       throw;
     }
@@ -469,7 +664,9 @@ Future<MessagePtr> AccessLogServiceProvider::deliver(MessagePtr&& message, Addre
   if (observed) {
     detail::observeAnswer(
         answer,
-        [core, number, &type, start](const Outcome& outcome) { core->finish(number, type, start, outcome); },
+        [core, number, &type, addressName = std::move(addressName), start](const Outcome& outcome) {
+          core->finish(number, type, addressName, start, outcome);
+        },
         [this] { return core_; });
   }
   return answer;

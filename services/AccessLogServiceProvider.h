@@ -4,17 +4,27 @@
 // written (failures, slow requests, a deterministic sample) while the provider runs.
 //
 // A line says: the request number (every request is numbered from 0 while the log is enabled),
-// the message type name (as the logging provider names it), the outcome (ok, or the exception's
-// type name and what()), the elapsed time in microseconds (steady clock) and the start time (UTC,
-// ISO 8601 with microseconds). Format text:
-//   7 demo::Order ok elapsed_us=12 start=2026-11-23T08:40:00.123456Z
-//   8 demo::Ping std::runtime_error "flaky: refused request 3" elapsed_us=15
+// the provider's name, the request's address, the message type name (as the logging provider
+// names it), the outcome (ok, or the exception's type name and what()), the elapsed time in
+// microseconds (steady clock) and the start time (UTC, ISO 8601 with microseconds). Format text,
+// fields separated by one blank:
+//   line    = NUMBER SP NAME SP NAME SP NAME SP outcome SP "elapsed_us=" DIGITS SP "start=" TIME
+//   outcome = "ok" | NAME SP STRING          (the exception's type name and its what())
+//   NAME    = the name as it is when it is not empty and holds no byte up to 0x20, no 0x7f and
+//             no '"'; otherwise a STRING
+//   STRING  = a JSON string ('"', escapes, '"'; invalid UTF-8 becomes U+FFFD)
+// so a line splits back into its fields whatever the names (a field that starts with '"' is a
+// STRING); an outcome is ok exactly when the field after "ok" is not a STRING:
+//   7 access api demo::Order ok elapsed_us=12 start=2026-11-23T08:40:00.123456Z
+//   8 access flaky demo::Ping std::runtime_error "flaky: refused request 3" elapsed_us=15
 //   start=2026-11-23T08:40:00.123501Z
 // Format json, one object per line, keys always in this order; "exception" and "what" only for a
 // failed request; strings are valid JSON whatever the bytes (invalid UTF-8 becomes U+FFFD):
-//   {"number":7,"type":"demo::Order","outcome":"ok","elapsed_us":12,"start":"2026-11-23T08:40:00.123456Z"}
-//   {"number":8,"type":"demo::Ping","outcome":"failed","exception":"std::runtime_error",
-//    "what":"flaky: refused request 3","elapsed_us":15,"start":"2026-11-23T08:40:00.123501Z"}
+//   {"number":7,"provider":"access","address":"api","type":"demo::Order","outcome":"ok",
+//    "elapsed_us":12,"start":"2026-11-23T08:40:00.123456Z"}
+//   {"number":8,"provider":"access","address":"flaky","type":"demo::Ping","outcome":"failed",
+//    "exception":"std::runtime_error","what":"flaky: refused request 3","elapsed_us":15,
+//    "start":"2026-11-23T08:40:00.123501Z"}
 // A line is exactly that text or object and a newline; each is flushed as it is written.
 //
 // Settings, configuration keys formed from the name (defaults written under the label "default",
@@ -27,7 +37,8 @@
 //   NAME.exclude       string, ""    comma-separated type-name prefixes never logged unless failed
 //   NAME.format        "text"        text or json
 //   NAME.destination   "stdout"      as the process log's destinations (stderr, null, file:PATH,
-//                                    ...), under the process log's file confinement
+//                                    ...), under the process log's file confinement; its file is
+//                                    reopened by foundation::log::reopen() (connector.log.reopen)
 // So, while enabled: a failed request is always logged; an excluded one never otherwise; a slow
 // one always otherwise; the rest only when errorsOnly is off and they are sampled. A value of the
 // wrong type or out of range is refused: the setting stays, a warn record on the process log's
@@ -38,15 +49,19 @@
 // Never blocks and never changes an answer: deliver() returns the context's own future when the
 // answer is already Resolved, and otherwise a future that settles when the answer settles, with
 // the same response object or the same exception. An exception thrown by forward() is logged as a
-// failure and then leaves deliver(). A line that cannot be written is counted (failedWrites())
-// and dropped.
+// failure and then leaves deliver(). Lines are written by a thread of the provider's own, never by
+// the caller's, whatever the destination (a pipe nobody reads holds no caller): a line that finds
+// its bounded queue (8,192 lines) full is dropped and counted, and one that cannot be written is
+// counted (failedWrites()). "async:DEST" is accepted and writes to DEST through that same queue.
+// A replaced destination is flushed and closed by that thread, after the lines queued for it. At
+// normal exit every selected line is written, even of a provider that is never destroyed.
 //
 // Ownership: the provider keeps one canceller per key and shares its settings and destination
 // with the continuations of requests still pending, so a request that completes after the
 // provider is gone is still logged. Threads: any number of threads may call deliver() at once,
-// while the configuration delivers settings on its own threads; lines are written on the thread
-// that completes the request. When the destructor returns, no configuration callback of this
-// provider is running or will run.
+// while the configuration delivers settings on its own threads; a line is formatted on the thread
+// that completes the request and written on the provider's writer thread. When the destructor returns, no
+// configuration callback of this provider is running or will run.
 #pragma once
 
 #include <cstdint>
@@ -80,6 +95,21 @@ class CONNECTOR_EXPORT AccessLogServiceProvider : public connector::ServiceProvi
 
   // Lines that could not be written (the destination failed), since construction.
   std::uint64_t failedWrites() const noexcept;
+
+  // Lines since construction. Once flush() has returned, selected = written + dropped + failed
+  // for the lines selected before it was called.
+  struct LineCounts {
+    std::uint64_t selected = 0;  // chosen by the settings
+    std::uint64_t written = 0;   // handed to the destination
+    std::uint64_t dropped = 0;   // found the writer's queue full
+    std::uint64_t failed = 0;    // as failedWrites()
+  };
+  LineCounts lineCounts() const noexcept;
+
+  // Waits until every line selected before the call is written, dropped or counted as failed.
+  // Blocks for as long as the destination does; for tests, tools and orderly shutdown, not for
+  // the request path.
+  void flush() const;
 
  private:
   struct Core;

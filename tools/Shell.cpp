@@ -250,8 +250,8 @@ Shell::Shell(std::ostream& out, std::ostream& err)
   connector_->addServiceProvider(kLoggerName, std::make_shared<common_services::LoggingServiceProvider>(
                                                   configuration_, kLoggerName, svcOut_->stream));
   connector_->setRoute(kEchoAddress, {kLoggerName, kEchoName});
-  connector_->addServiceProvider(
-      kAccessName, std::make_shared<common_services::AccessLogServiceProvider>(configuration_, kAccessName));
+  access_ = std::make_shared<common_services::AccessLogServiceProvider>(configuration_, kAccessName);
+  connector_->addServiceProvider(kAccessName, access_);
   connector_->addServiceProvider(
       kMetricsName, std::make_shared<common_services::StatisticsServiceProvider>(registry_, kMetricsName));
   connector_->addServiceProvider(kFlakyName, std::make_shared<demo::FlakyServiceProvider>());
@@ -319,9 +319,11 @@ bool Shell::send(const std::vector<Word>& words) {
   }
   try {
     std::unique_ptr<Message> answer = connector_->send(std::move(message), Address(words[1].text)).get();
+    access_->flush();  // the access log's line of this request goes before the answer
     out_ << "answer: " << host::printable(describeAnswer(answer)) << std::endl;
     return true;
   } catch (const std::exception& error) {
+    access_->flush();
     return fail(error.what());
   }
 }

@@ -24,6 +24,7 @@
 
 namespace connector {
 namespace common_services {
+class AccessLogServiceProvider;
 class ConnectorCommandProvider;
 class LoggingCommandProvider;
 class LogOperationsCommandProvider;
@@ -86,6 +87,7 @@ class Shell {
   std::shared_ptr<host::ConfigurationStore> configuration_;
   std::shared_ptr<host::CommandRegistry> registry_;
   std::shared_ptr<host::Connector> connector_;
+  std::shared_ptr<common_services::AccessLogServiceProvider> access_;  // also routed in connector_
   std::unique_ptr<common_services::ConnectorCommandProvider> connectorCommands_;
   std::unique_ptr<common_services::LoggingCommandProvider> logCommands_;
   std::unique_ptr<common_services::LogOperationsCommandProvider> logOperations_;

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>
+#include <exception>
 #include <filesystem>
 #include <mutex>
 #include <optional>
@@ -19,6 +20,7 @@
 #include <spdlog/sinks/stdout_sinks.h>
 
 #include "foundation/log/Admin.h"
+#include "foundation/log/LineDestination.h"
 #include "foundation/log/detail/Confinement.h"
 #include "foundation/log/detail/Destination.h"
 #include "foundation/log/detail/Specification.h"
@@ -337,7 +339,20 @@ void set_specification_for(std::chrono::seconds duration, const std::string& tex
   ProcessLog::instance().setSpecificationFor(duration, text);
 }
 void reopen() {
-  ProcessLog::instance().reopen();
+  // The files of the line destinations (access logs) too, whatever becomes of the process log's.
+  std::exception_ptr failure;
+  try {
+    ProcessLog::instance().reopen();
+  } catch (...) {
+    failure = std::current_exception();
+  }
+  const std::string others = reopen_line_destinations();
+  if (failure) {
+    std::rethrow_exception(failure);
+  }
+  if (!others.empty()) {
+    throw std::runtime_error(others);
+  }
 }
 statistics_snapshot statistics() {
   return ProcessLog::instance().statistics();

@@ -132,7 +132,9 @@ CONNECTOR_EXPORT void set_specification_for(std::chrono::seconds duration, const
 // them) and opens it again by name, so that after an outside tool renamed it new records land in
 // a new file. Every record goes to exactly one of the two files. Throws std::invalid_argument
 // when the destination has no file, and like set_destination() when the file cannot be opened
-// again; the old file then stays in use.
+// again; the old file then stays in use. The file of every line_destination (LineDestination.h)
+// is reopened too, even when the process log's cannot be; a failure of one of those throws
+// std::runtime_error with its text, after all the others were reopened.
 CONNECTOR_EXPORT void reopen();
 
 // What the process log has done, at one moment.

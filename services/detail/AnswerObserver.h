@@ -61,9 +61,7 @@ template <typename OnSettled, typename KeepAlive>
 void observeAnswer(Future<std::unique_ptr<Message>>& answer, OnSettled onSettled, KeepAlive keepAlive) {
   using MessagePtr = std::unique_ptr<Message>;
   using connector::detail::Status;
-  const Status status = answer.isValid() && answer.state
-                            ? answer.state->status.load(std::memory_order_acquire)
-                            : Status::Rejected;
+  const Status status = answer.status();
   if (status == Status::Resolved) {
     onSettled(Outcome{});
     return;

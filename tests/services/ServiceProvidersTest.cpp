@@ -2,19 +2,23 @@
 // moments of its lines, and what its caller receives when the answer or the stream fails (which
 // requests are selected and the form of the lines on streams of every format are checked by the
 // fuzzer's model, fuzz/LoggingProviderFuzzer.cpp). The access log: answers pass through untouched
-// and unwaited, the selection rules and their precedence, refused settings, and lines a JSON
-// parser reads whatever the exception says. The statistics: histogram edges and percentiles, the
-// slowest list, per-type counts, requests in flight, and the commands. Concurrent use is left to
-// the stress tests; the echo's answer to the connector's test and the transcripts, and its two
-// allocations per request to bench/framework/FutureBench.cpp.
+// and unwaited, the selection rules and their precedence, refused settings, a stalled destination
+// that holds no caller (with JSON lines that parse whatever the exception says), the lines written
+// out at exit, a reopen after a rename, and text lines that split back into their fields. The
+// statistics: histogram edges and percentiles, the slowest list, per-type counts, requests in
+// flight, and the commands. Concurrent use is left to the stress tests; the echo's answer to the
+// connector's test and the transcripts, and its two allocations per request to
+// bench/framework/FutureBench.cpp.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 #include <nlohmann/json.hpp>
 
 #include <chrono>
 #include <cstdio>
 #include <memory>
 #include <optional>
+#include <random>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -232,7 +236,7 @@ struct Log {
       configuration->send("access." + key, value);
     }
   }
-  std::vector<std::string> lines() const { return TempDirectory::lines(file); }
+  std::vector<std::string> lines() const { return provider.flush(), TempDirectory::lines(file); }
 };
 
 // While enabled: failed requests always, excluded ones never otherwise, slow ones always
@@ -305,10 +309,11 @@ TEST(AccessLogSettings, RefusesWrongTypesAndRangesAndKeepsTheSetting) {
   EXPECT_THROW(deliver(log.provider, std::make_unique<app::Ping>(),
                        throwing(std::make_exception_ptr(std::logic_error("\"")))),
                std::logic_error);
-  EXPECT_THAT(log.lines(),
-              ::testing::ElementsAre(
-                  MatchesRegex("0 app::Order ok elapsed_us=[0-9]+ " + kStart),
-                  MatchesRegex("1 app::Ping std::logic_error \"\\\\\"\" elapsed_us=[0-9]+ " + kStart)));
+  EXPECT_THAT(
+      log.lines(),
+      ::testing::ElementsAre(
+          MatchesRegex("0 access \"\" app::Order ok elapsed_us=[0-9]+ " + kStart),
+          MatchesRegex("1 access \"\" app::Ping std::logic_error \"\\\\\"\" elapsed_us=[0-9]+ " + kStart)));
   foundation::log::set_destination(previous);
   const std::string records = TempDirectory::read(directory / "process.log");
   for (const auto& [key, value, shown] : cases) {
@@ -316,21 +321,126 @@ TEST(AccessLogSettings, RefusesWrongTypesAndRangesAndKeepsTheSetting) {
   }
 }
 
-// Whatever bytes an exception text holds, each line is one JSON object that gives it back (the
-// keys of a line are checked by the shell's transcript).
-TEST(AccessLogJson, EveryLineParsesWhateverTheExceptionSays) {
-  Log log({{"format", "json"s}});
+// Whatever the destination does, deliver() returns and the answer settles without waiting for a
+// write: a pipe on stdout that nobody reads holds only the provider's writer, whose full queue
+// drops lines and counts them. Once the pipe is read, every line is a JSON object that gives the
+// exception's text back whatever its bytes (async: adds no line of its own), and selected =
+// written + dropped + failed.
+TEST(AccessLogWriter, AStalledDestinationHoldsNoCallerAndEveryLineIsCounted) {
   const std::vector<std::string> texts = {"quote \" backslash \\ slash /", "new\nline\ttab\x01\x1f",
                                           "caf\xc3\xa9 \xe2\x82\xac", "bad \xff\xfe utf-8 \xc3", ""};
-  for (const std::string& text : texts) {
-    deliver(log.provider, std::make_unique<app::Ping>(),
-            [&](MessagePtr&&) { return makeRejectedFuture<MessagePtr>(std::runtime_error(text)); });
+  for (const std::string destination : {"stdout", "async:stdout"}) {
+    int pipeEnds[2];
+    ASSERT_EQ(pipe(pipeEnds), 0);
+    std::fflush(stdout);
+    const int savedStdout = dup(STDOUT_FILENO);
+    dup2(pipeEnds[1], STDOUT_FILENO);
+    Log log({{"format", "json"s}, {"destination", destination}});
+    common_services::AccessLogServiceProvider& provider = log.provider;
+    for (int i = 0; i < 20000; ++i) {
+      deliver(provider, std::make_unique<app::Ping>(),
+              [&](MessagePtr&&) { return makeRejectedFuture<MessagePtr>(std::runtime_error(texts[i % 5])); });
+    }
+    std::string text;
+    std::thread reader([&] {
+      char buffer[4096];
+      for (ssize_t n; (n = read(pipeEnds[0], buffer, sizeof buffer)) > 0;)
+        text.append(buffer, n);
+    });
+    provider.flush();
+    dup2(savedStdout, STDOUT_FILENO);
+    close(pipeEnds[1]);
+    reader.join();
+    const auto counts = provider.lineCounts();
+    EXPECT_EQ(counts.selected, 20000u);
+    EXPECT_GT(counts.dropped, 0u);
+    EXPECT_EQ(counts.failed, 0u);
+    EXPECT_EQ(counts.written + counts.dropped + counts.failed, counts.selected);
+    std::istringstream lines(text);
+    std::uint64_t parsed = 0;
+    for (std::string line; std::getline(lines, line); ++parsed) {
+      const nlohmann::json object = nlohmann::json::parse(line);
+      const std::size_t i = object["number"].get<std::size_t>() % 5;
+      EXPECT_EQ(object["what"], i == 3 ? "bad \xef\xbf\xbd\xef\xbf\xbd utf-8 \xef\xbf\xbd" : texts[i]);
+    }
+    EXPECT_EQ(parsed, counts.written);
+    close(savedStdout);
+    close(pipeEnds[0]);
   }
-  const std::vector<std::string> lines = log.lines();
-  ASSERT_EQ(lines.size(), texts.size());
-  for (std::size_t i = 0; i < texts.size(); ++i) {
-    EXPECT_EQ(nlohmann::json::parse(lines[i])["what"],
-              i == 3 ? "bad \xef\xbf\xbd\xef\xbf\xbd utf-8 \xef\xbf\xbd" : texts[i]);
+}
+
+// At a normal exit every selected line is written, even by a provider that is never destroyed.
+TEST(AccessLogWriter, ANormalExitWritesEverySelectedLine) {
+  TempDirectory directory;
+  const std::string file = directory / "access.log";
+  const auto write = [&] {
+    auto configuration = std::make_shared<FakeConfiguration>();
+    auto* provider = new common_services::AccessLogServiceProvider(configuration, "access");
+    configuration->send("access.destination", "async:file:" + file);
+    for (int i = 0; i < 8000; ++i) {  // 8,000 fit the queue: nothing may be dropped
+      deliver(*provider, std::make_unique<app::Ping>(), echoing());
+    }
+    std::exit(0);
+  };
+  EXPECT_EXIT(write(), ::testing::ExitedWithCode(0), "");
+  EXPECT_EQ(TempDirectory::lines(file).size(), 8000u);
+}
+
+// The process log's reopen reopens an access log's file too, even when it cannot reopen its own:
+// across a rename while lines are on their way, the renamed file and the new one hold every line once, in
+// order.
+TEST(AccessLogWriter, AReopenAfterARenameLosesAndDoublesNoLine) {
+  Log log;
+  const auto send = [&] {
+    for (int i = 0; i < 1000; ++i) {
+      deliver(log.provider, std::make_unique<app::Ping>(), echoing());
+    }
+  };
+  std::thread sender(send);
+  while (log.provider.lineCounts().written < 500) {
+    std::this_thread::yield();
+  }
+  std::rename(log.file.c_str(), (log.file + ".1").c_str());
+  EXPECT_THROW(foundation::log::reopen(), std::invalid_argument);  // stderr has no file to reopen
+  sender.join();
+  send();
+  std::vector<std::string> lines = log.lines(), renamed = TempDirectory::lines(log.file + ".1");
+  EXPECT_GE(lines.size(), 1000u);
+  lines.insert(lines.begin(), renamed.begin(), renamed.end());
+  ASSERT_EQ(lines.size(), 2000u);
+  for (std::size_t i = 0; i < lines.size(); ++i) {
+    EXPECT_EQ(lines[i].substr(0, lines[i].find(' ')), std::to_string(i));
+  }
+}
+
+// A text line splits back into its fields whatever the provider's name, the address, the type
+// and the exception's name and text: a field that starts with a quote is a JSON string.
+TEST(AccessLogText, EveryLineSplitsBackIntoItsFieldsWhateverTheNames) {
+  const std::vector<std::string> pieces = {"a", " ", "\"", "\\", "\t", "\n", "<", ",", "caf\xc3\xa9", "ok"};
+  std::mt19937 random(7);
+  for (int round = 0; round < 50; ++round) {
+    std::string name;
+    for (int length = random() % 5; length > 0; --length)
+      name += pieces[random() % pieces.size()];
+    Log log;
+    log.provider.deliver(std::make_unique<app::Holder<std::tuple<int, int>>>(), Address(name),
+                         std::make_shared<FakeContext>([&](MessagePtr&&) {
+                           return makeRejectedFuture<MessagePtr>(std::runtime_error(name));
+                         }));
+    std::vector<std::string> fields;
+    const std::string line = log.lines().at(0);
+    for (std::size_t at = 0, end; at < line.size(); at = end + 1) {
+      end = line[at] == '"' ? line.find_first_of("\\\"", at + 1) : std::min(line.find(' ', at), line.size());
+      while (line[end] == '\\')
+        end = line.find_first_of("\\\"", end + 2);
+      end += line[at] == '"' ? 1 : 0;
+      fields.push_back(line[at] == '"' ? nlohmann::json::parse(line.substr(at, end - at)).get<std::string>()
+                                       : line.substr(at, end - at));
+    }
+    EXPECT_THAT(std::vector<std::string>(fields.begin(), fields.begin() + 6),  // then elapsed_us=, start=
+                ::testing::ElementsAre("0", "access", name, "app::Holder<std::tuple<int, int> >",
+                                       "std::runtime_error", name))
+        << line;
   }
 }
 
