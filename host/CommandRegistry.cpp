@@ -20,11 +20,6 @@ const char* const kHelpDescription = "List every command, or describe the one na
 
 const char* const kAuditSucceeded = "ok";
 
-const foundation::log::channel& auditTrail() {
-  static const foundation::log::channel channel(foundation::log::audit_channel_name);
-  return channel;
-}
-
 // The most a Command record can declare; a command that declares it takes any number.
 constexpr unsigned kNoUpperLimit = 255;
 
@@ -153,6 +148,9 @@ Future<bool> CommandRegistry::unregisterCommand(const std::string& name) {
 
 CommandRegistry::Result CommandRegistry::execute(const std::string& name, std::vector<std::string> arguments,
                                                  const std::string& caller) const {
+  // The record goes where the audit went when the command arrived: a command that moves the
+  // destination or silences the audit channel is still recorded, in the place it leaves.
+  const foundation::log::audit_route audit;
   // The arguments are shown as given, before the handler may consume them.
   std::string record = "caller=" + quoted(caller) + " command=" + quoted(name) + " arguments=[";
   for (std::size_t i = 0; i < arguments.size(); ++i) {
@@ -160,7 +158,7 @@ CommandRegistry::Result CommandRegistry::execute(const std::string& name, std::v
   }
   Result result = run(name, std::move(arguments));
   record += "] outcome=" + (result.succeeded ? std::string(kAuditSucceeded) : quoted(result.text));
-  auditTrail().info(record);
+  audit.write(record);
   return result;
 }
 

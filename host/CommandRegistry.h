@@ -62,6 +62,9 @@ class CommandRegistry final : public administration::Administration {
   // Runs the command and writes one info record on the process log's audit channel
   // ("connector.audit"): who asked (`caller`, e.g. a user name or "uid=U pid=P"), the command,
   // its arguments quoted (blanks and line feeds visible) and the outcome, "ok" or the error text.
+  // The record goes to the destination in force when the command arrived, if the audit channel
+  // passed then: a command that moves the destination or silences the audit channel is recorded
+  // where the audit was going, and a command run while it was silenced is not recorded.
   Result execute(const std::string& name, std::vector<std::string> arguments,
                  const std::string& caller = {}) const;
 

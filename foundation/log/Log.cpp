@@ -33,6 +33,10 @@ struct channel_core {
   std::shared_ptr<spdlog::logger> logger;  // its only sink is the process router
 };
 
+struct audit_target {
+  std::shared_ptr<spdlog::sinks::sink> sink;  // null when the audit channel did not pass info
+};
+
 }  // namespace detail
 
 namespace {
@@ -50,6 +54,12 @@ class Router final : public spdlog::sinks::dist_sink<std::mutex> {
   std::uint64_t records() {
     std::lock_guard<std::mutex> lock(mutex_);
     return records_;
+  }
+
+  // Counts a record written past the router, straight to a destination.
+  void countOne() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    ++records_;
   }
 
  protected:
@@ -141,6 +151,25 @@ class ProcessLog {
     // No channel writes to it any more. Its queue, if it has one, is written out here, outside
     // every lock, so that neither writers nor other settings wait for it.
     retiredDrops_ += detail::drain_destination(*retired);
+  }
+
+  // The destination in force, if the audit channel passes info records now.
+  detail::audit_target auditTarget() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (specification_.level_for(audit_channel_name) > toSpdlog(level::info)) {
+      return {};
+    }
+    return {destination_sink_};
+  }
+
+  // Writes one audit record to `sink`, which may have been retired meanwhile: a retired file
+  // stays open while the route holds it, and a drained "async:" queue writes straight through.
+  void writeAudit(spdlog::sinks::sink& sink, std::string_view text) {
+    const spdlog::details::log_msg msg(audit_channel_name, spdlog::level::info,
+                                       spdlog::string_view_t(text.data(), text.size()));
+    sink.log(msg);
+    sink.flush();
+    router_->countOne();
   }
 
   void reopen() {
@@ -319,6 +348,15 @@ void channel::write(level severity, std::string_view text) const {
     return;
   }
   core_->logger->log(toSpdlog(severity), spdlog::string_view_t(text.data(), text.size()));
+}
+
+audit_route::audit_route()
+    : target_(std::make_shared<const detail::audit_target>(ProcessLog::instance().auditTarget())) {}
+
+void audit_route::write(std::string_view text) const {
+  if (target_->sink) {
+    ProcessLog::instance().writeAudit(*target_->sink, text);
+  }
 }
 
 std::string destination() {

@@ -76,7 +76,8 @@ inline constexpr const char* audit_channel_name = "connector.audit";
 
 namespace detail {
 struct channel_core;  // the process-wide channel behind a handle; defined in Log.cpp
-}
+struct audit_target;  // a destination held for one audit record; defined in Log.cpp
+}  // namespace detail
 
 // A handle onto the process channel of a given name. Constructing one with a name that already
 // exists joins that channel; otherwise the channel is created, listed by the admin (after every
@@ -106,6 +107,23 @@ class CONNECTOR_EXPORT channel {
 
  private:
   std::shared_ptr<detail::channel_core> core_;
+};
+
+// Where the audit record of one command goes: the destination in force when the route was made
+// (when the command arrived), and whether the audit channel passed info records then. A record
+// written through it reaches that destination even when the command has since moved the
+// destination or silenced the audit channel, so no command can leave its own record nowhere; it
+// is counted in statistics().records. Copies share the destination, which stays open while any
+// route holds it. Safe from any thread.
+class CONNECTOR_EXPORT audit_route {
+ public:
+  audit_route();
+
+  // Writes one info record on the audit channel, or nothing when it did not pass on arrival.
+  void write(std::string_view text) const;
+
+ private:
+  std::shared_ptr<const detail::audit_target> target_;
 };
 
 // The destination in force, exactly as it was set (initially "stderr").

@@ -44,6 +44,7 @@ using host::admin::Status;
 using test_support::AdminPeer;
 using test_support::CountedMessage;
 using ::testing::AnyOf;
+using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using Arguments = std::vector<std::string>;
 using Journal = std::vector<std::string>;  // written by one thread at a time
@@ -296,6 +297,26 @@ TEST(CommandRegistry, RegistrationKeepsTheFirstCommandOfANameAndEveryFailureIsAn
                 "...\" (20004 bytes); \"help\" lists the commands");
   EXPECT_EQ(outcome(registry, "\x1b[2J\"é"),
             "error: unknown command \"\\x1b[2J\\\"é\"; \"help\" lists the commands");
+}
+
+// A command's record reaches the destination in force when it arrived: one that moves the
+// destination or silences the audit channel is recorded where the audit was going, and one run
+// while the audit channel is silenced is not.
+TEST(CommandRegistry, ACommandIsAuditedWhereTheAuditWentWhenItArrived) {
+  namespace flog = foundation::log;
+  test_support::TempDirectory dir;
+  host::CommandRegistry registry;
+  registry.registerCommand(command("apply", 2, 2, [](Arguments&& a) {
+    flog::set_destination(a[0]);
+    flog::set_specification(a[1]);
+    return std::string();
+  }));
+  flog::set_destination("file:" + (dir / "a.log"));
+  registry.execute("apply", {"file:" + (dir / "b.log"), "info,connector.audit=off"});
+  registry.execute("apply", {"null", "info"});
+  EXPECT_THAT(test_support::TempDirectory::lines(dir / "a.log"),
+              ElementsAre(HasSubstr("connector.audit=off")));
+  EXPECT_EQ(test_support::TempDirectory::read(dir / "b.log"), "");
 }
 
 // ---- Administration endpoint: the server, seen from a raw socket ----
