@@ -45,6 +45,8 @@ constexpr const char* kInitialDestination = "stderr";
 constexpr const char* kInitialSpecification = "info";
 constexpr std::chrono::seconds kShortestTimedSpecification{1};
 constexpr std::chrono::seconds kLongestTimedSpecification{86400};
+// The channel of the process log's own records: the restore of a timed specification.
+constexpr const char* kOwnChannel = "foundation.log";
 
 using Clock = std::chrono::steady_clock;
 
@@ -75,10 +77,13 @@ class Router final : public spdlog::sinks::dist_sink<std::mutex> {
 // Whether the process log exists yet; the exit hook below shuts down only one that does.
 std::atomic<bool> processLogCreated{false};
 
-// A specification set for a time, and what to restore after it.
+// A specification set for a time, and what to restore after it. Re-issuing a timed
+// specification replaces the deadline and keeps the rest, so that the one in force before the
+// first timed change is what comes back.
 struct PendingRestore {
-  std::string text;  // the specification in force before the timed one
+  std::string text;  // the specification in force before the first timed one
   detail::specification parsed;
+  Clock::time_point since;  // when the first timed one was set
   Clock::time_point deadline;
 };
 
@@ -217,9 +222,12 @@ class ProcessLog {
     }
     detail::specification parsed = detail::parse_specification(text);
     std::lock_guard<std::mutex> lock(mutex_);
-    PendingRestore restore{specificationText_, specification_, Clock::now() + duration};
+    const Clock::time_point now = Clock::now();
+    if (!pending_) {
+      pending_ = PendingRestore{specificationText_, specification_, now, now};
+    }
+    pending_->deadline = now + duration;
     apply(std::move(parsed), text);
-    pending_ = std::move(restore);
     if (!restorer_.joinable() && !stopping_) {
       restorer_ = std::thread([this] { restoreWhenDue(); });
     }
@@ -285,7 +293,15 @@ class ProcessLog {
       } else {
         PendingRestore due = std::move(*pending_);
         pending_.reset();
+        const std::string timed = specificationText_;
         apply(std::move(due.parsed), due.text);
+        const auto lasted = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - due.since);
+        // Writing joins a channel, which takes mutex_.
+        lock.unlock();
+        channel(kOwnChannel)
+            .info("specification \"" + due.text + "\" restored after " + std::to_string(lasted.count()) +
+                  " s of the timed \"" + timed + "\"");
+        lock.lock();
       }
     }
   }

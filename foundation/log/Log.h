@@ -43,7 +43,8 @@
 // critical, off. Examples: "info", "warn,connector.*=debug", "off,connector.delivery=trace".
 // The initial specification is "info". A specification may be set for a time
 // (set_specification_for()): when the time is up, the one in force before it is restored,
-// unless another specification was set meanwhile.
+// unless another specification was set meanwhile, and the restore is written as an info record
+// of channel "foundation.log" (what was restored, after how many seconds).
 //
 // Threads of its own: the background thread of an "async:" destination (one per such destination,
 // joined when it is drained) and, from the first timed specification on, one thread that waits
@@ -141,9 +142,12 @@ CONNECTOR_EXPORT std::string specification();
 CONNECTOR_EXPORT void set_specification(const std::string& text);
 
 // Applies `text` now and restores the specification in force before it once `duration` (1 to
-// 86,400 seconds) has passed, unless another specification is set meanwhile (which cancels the
-// restore). Throws std::invalid_argument for a duration outside that range or a text that
-// set_specification() would refuse, and then changes nothing (a pending restore stays).
+// 86,400 seconds) has passed, unless set_specification() is called meanwhile (which ends the
+// window: nothing is restored). Called again while a restore is pending, it replaces the window
+// (the restore is `duration` from now) and keeps what will be restored: the specification in
+// force before the first timed one, so re-issuing to extend a window never leaves it on. Throws
+// std::invalid_argument for a duration outside that range or a text that set_specification() would refuse,
+// and then changes nothing (a pending restore stays).
 CONNECTOR_EXPORT void set_specification_for(std::chrono::seconds duration, const std::string& text);
 
 // Closes the file of the destination in force ("file:", "rotating:", or "async:" before one of

@@ -196,23 +196,31 @@ TEST_F(ProcessLog, ReopeningAfterARenameSplitsTheRecordsAcrossTheTwoFiles) {
   EXPECT_THROW(flog::reopen(), std::invalid_argument);
 }
 
-// A timed specification is restored when its time is up, unless another was set meanwhile: the
-// first restore below is cancelled by a plain set, so only the second one happens.
-TEST_F(ProcessLog, ATimedSpecificationIsRestoredUnlessAnotherWasSetMeanwhile) {
+// A timed specification is restored when its time is up, unless a plain set ended the window:
+// the first window below is ended, the second is re-issued, which keeps what is restored, and
+// the restore is logged.
+TEST_F(ProcessLog, ATimedSpecificationRestoresWhatWasInForceBeforeItsFirstWindowAndSaysSo) {
+  flog::set_destination("file:" + (dir / "app.log"));
   flog::set_specification_for(std::chrono::seconds(1), "debug");
-  flog::set_specification("warn");
+  flog::set_specification("info,proclog.timed=warn");
   EXPECT_FALSE(flog::statistics().pending_restore);
   flog::set_specification_for(std::chrono::seconds(1), "trace");
+  flog::set_specification_for(std::chrono::seconds(2), "debug");
   const auto pending = flog::statistics().pending_restore;
   ASSERT_TRUE(pending);
-  EXPECT_EQ(pending->specification, "warn");
-  EXPECT_EQ(pending->remaining, std::chrono::seconds(1));
-  while (flog::specification() == "trace") {  // the restoring thread's turn; the time-out bounds it
-    std::this_thread::yield();
+  EXPECT_EQ(pending->specification, "info,proclog.timed=warn");
+  EXPECT_EQ(pending->remaining, std::chrono::seconds(2));
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(1);  // generous, not timed
+  while (TempDirectory::lines(dir / "app.log").empty() && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
-  EXPECT_EQ(flog::specification(), "warn");
+  EXPECT_EQ(flog::specification(), "info,proclog.timed=warn");
   EXPECT_FALSE(flog::statistics().pending_restore);
   EXPECT_FALSE(flog::channel("proclog.timed").enabled(flog::level::info));
+  EXPECT_THAT(
+      texts(dir / "app.log"),
+      ::testing::ElementsAre(::testing::MatchesRegex(
+          "specification \"info,proclog.timed=warn\" restored after [2-9] s of the timed \"debug\"")));
 }
 
 }  // namespace
