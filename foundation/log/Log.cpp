@@ -33,8 +33,17 @@ struct channel_core {
   std::shared_ptr<spdlog::logger> logger;  // its only sink is the process router
 };
 
+// Holds the room reserved for one audit record, and gives it back if the record is never written.
 struct audit_target {
   std::shared_ptr<spdlog::sinks::sink> sink;  // null when the audit channel did not pass info
+  bool reserved = false;                      // room for the record was made on arrival
+  mutable std::atomic<bool> written{false};
+
+  ~audit_target() {
+    if (reserved && !written.load()) {
+      release_audit(*sink);
+    }
+  }
 };
 
 }  // namespace detail
@@ -158,13 +167,19 @@ class ProcessLog {
     retiredDrops_ += detail::drain_destination(*retired);
   }
 
-  // The destination in force, if the audit channel passes info records now.
-  detail::audit_target auditTarget() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (specification_.level_for(audit_channel_name) > toSpdlog(level::info)) {
-      return {};
+  // The destination in force, if the audit channel passes info records now, with room reserved
+  // for the record.
+  std::shared_ptr<detail::audit_target> auditTarget() {
+    auto target = std::make_shared<detail::audit_target>();
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (specification_.level_for(audit_channel_name) > toSpdlog(level::info)) {
+        return target;
+      }
+      target->sink = destination_sink_;
     }
-    return {destination_sink_};
+    target->reserved = detail::reserve_audit(*target->sink);
+    return target;
   }
 
   // Writes one audit record to `sink`, which may have been retired meanwhile: a retired file
@@ -172,8 +187,7 @@ class ProcessLog {
   void writeAudit(spdlog::sinks::sink& sink, std::string_view text) {
     const spdlog::details::log_msg msg(audit_channel_name, spdlog::level::info,
                                        spdlog::string_view_t(text.data(), text.size()));
-    sink.log(msg);
-    sink.flush();
+    detail::write_audit(sink, msg);
     router_->countOne();
   }
 
@@ -366,11 +380,14 @@ void channel::write(level severity, std::string_view text) const {
   core_->logger->log(toSpdlog(severity), spdlog::string_view_t(text.data(), text.size()));
 }
 
-audit_route::audit_route()
-    : target_(std::make_shared<const detail::audit_target>(ProcessLog::instance().auditTarget())) {}
+audit_route::audit_route() : target_(ProcessLog::instance().auditTarget()) {}
+
+bool audit_route::writable() const noexcept {
+  return !target_->sink || target_->reserved;
+}
 
 void audit_route::write(std::string_view text) const {
-  if (target_->sink) {
+  if (target_->sink && target_->reserved && !target_->written.exchange(true)) {
     ProcessLog::instance().writeAudit(*target_->sink, text);
   }
 }

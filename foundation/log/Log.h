@@ -28,9 +28,12 @@
 //                 waits for DEST: when the queue is full the oldest queued record is dropped and
 //                 counted, and once the queue has room again (the overflow is over)
 //                 it writes one warn record (channel "foundation.log") saying how many were
-//                 dropped since the last such record. Records of the audit channel bypass the queue: they are
-//                 written to DEST on the caller's thread, so they are never dropped (and may precede records
-//                 still queued). When the destination changes, and when the process exits
+//                 dropped since the last such record. Records of the audit channel travel in a lane
+//                 of their own (256 records, its own thread), which other channels cannot overrun and
+//                 no writer waits for: a command's record reserves its place when the command arrives,
+//                 and a full lane refuses the command (see audit_route); any other audit record that
+//                 finds it full is dropped and counted. Queued and dropped counts include the lane.
+//                 When the destination changes, and when the process exits
 //                 normally (exit() or a return from main), the queue is written out to DEST
 //                 before DEST is closed; records written after that, from static destructors,
 //                 go straight to DEST.
@@ -115,12 +118,18 @@ class CONNECTOR_EXPORT channel {
 // written through it reaches that destination even when the command has since moved the
 // destination or silenced the audit channel, so no command can leave its own record nowhere; it
 // is counted in statistics().records. Copies share the destination, which stays open while any
-// route holds it. Safe from any thread.
+// route holds it. Behind "async:" the route reserves a place in the audit lane when it is made,
+// so the record never waits for the destination, and writable() is false when the lane is full:
+// the caller must then refuse the command. Safe from any thread.
 class CONNECTOR_EXPORT audit_route {
  public:
   audit_route();
 
-  // Writes one info record on the audit channel, or nothing when it did not pass on arrival.
+  // Whether write() will reach the destination (true also when the audit channel did not pass).
+  bool writable() const noexcept;
+
+  // Writes one info record on the audit channel, once per route; nothing when the channel did
+  // not pass on arrival or writable() is false.
   void write(std::string_view text) const;
 
  private:

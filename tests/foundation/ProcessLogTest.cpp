@@ -110,19 +110,15 @@ TEST_F(ProcessLog, ANormalExitWritesOutTheQueue) {
 
 // A stalled destination, twice: the queue keeps the newest 8,192 records, counts those it
 // dropped, and once it has room again writes one warning with the drops since the last warning.
-// The audit trail passes the queue, on the writer's own thread.
 TEST_F(ProcessLog, AFullQueueDropsTheOldestCountsThemAndWarnsOncePerOverflow) {
   constexpr std::uint64_t kQueue = 8192;
   std::promise<void> entered[2], release[2];
   std::future<void> reached[2] = {entered[0].get_future(), entered[1].get_future()};
   std::future<void> released[2] = {release[0].get_future(), release[1].get_future()};
   std::vector<std::string> warnings, kept;  // written on the queue's thread, read once it is drained
-  std::thread::id auditWriter;
   int stalls = 0;
   flog::testing::define_test_destination("proclog.stall", [&](std::string_view record) {
-    if (record.find("[connector.audit]") != std::string_view::npos) {
-      auditWriter = std::this_thread::get_id();
-    } else if (record.find("] stall\n") != std::string_view::npos) {
+    if (record.find("] stall\n") != std::string_view::npos) {
       entered[stalls].set_value();
       released[stalls++].wait();
     } else {
@@ -130,8 +126,6 @@ TEST_F(ProcessLog, AFullQueueDropsTheOldestCountsThemAndWarnsOncePerOverflow) {
     }
   });
   flog::set_destination("async:test:proclog.stall");
-  flog::channel(flog::audit_channel_name).info("audited");
-  EXPECT_EQ(auditWriter, std::this_thread::get_id());
   const flog::channel channel("proclog.drops");
   const auto before = flog::statistics();
   const std::uint64_t drops[2] = {5, 3};

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
@@ -23,6 +24,7 @@
 #include <boost/variant/get.hpp>
 
 #include "foundation/log/Log.h"
+#include "foundation/log/TestDestination.h"
 #include "host/AdminProtocol.h"
 #include "host/AdminServer.h"
 #include "host/CommandRegistry.h"
@@ -317,6 +319,35 @@ TEST(CommandRegistry, ACommandIsAuditedWhereTheAuditWentWhenItArrived) {
   EXPECT_THAT(test_support::TempDirectory::lines(dir / "a.log"),
               ElementsAre(HasSubstr("connector.audit=off")));
   EXPECT_EQ(test_support::TempDirectory::read(dir / "b.log"), "");
+}
+
+// Behind async:, a stalled destination holds no writer: another thread keeps logging, and
+// commands run until the audit lane is full, then are refused without running.
+TEST(CommandRegistry, AStalledDestinationHoldsNoWriterAndAFullAuditLaneRefusesCommands) {
+  namespace flog = foundation::log;
+  std::promise<void> release;
+  flog::testing::define_test_destination(
+      "host.stall", [stalled = release.get_future().share()](std::string_view) { stalled.wait(); });
+  flog::set_destination("async:test:host.stall");
+  host::CommandRegistry registry;
+  std::atomic<int> ran{0}, logged{0};
+  registry.registerCommand(command("count", 0, 0, [&ran](Arguments&&) { return std::to_string(++ran); }));
+  std::thread other([&logged] {
+    for (const flog::channel channel("host.other"); logged < 100'000; ++logged)
+      channel.info("x");
+  });
+  host::CommandRegistry::Result result{true, ""};
+  for (int i = 0; i < 1000 && result.succeeded; ++i) {
+    result = registry.execute("count", {});
+  }
+  other.join();  // progress, not timing: it logged all of its records
+  EXPECT_EQ(ran, 256);
+  EXPECT_EQ(result.text,
+            "command \"count\" is refused: its audit record cannot be written, as the process "
+            "log's destination is not taking records (its audit lane is full); no command runs "
+            "unaudited. Unblock the destination, then retry");
+  release.set_value();
+  flog::set_destination("null");
 }
 
 // ---- Administration endpoint: the server, seen from a raw socket ----

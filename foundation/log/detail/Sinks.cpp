@@ -116,6 +116,7 @@ async_sink::async_sink(std::shared_ptr<spdlog::sinks::sink> target)
   worker_ = std::make_shared<spdlog::async_logger>(kDropReporter, backend_, pool_,
                                                    spdlog::async_overflow_policy::overrun_oldest);
   worker_->set_level(spdlog::level::trace);
+  auditWriter_ = std::thread([this] { writeAuditLane(); });
 }
 
 async_sink::~async_sink() {
@@ -128,8 +129,12 @@ async_sink::~async_sink() {
 
 void async_sink::log(const spdlog::details::log_msg& msg) {
   if (msg.logger_name == audit_channel_name) {
-    target_->log(msg);
-    target_->flush();
+    if (reserve_audit()) {
+      write_audit(msg);
+    } else {
+      std::lock_guard<std::mutex> lock(auditMutex_);
+      ++auditDropped_;
+    }
     return;
   }
   // No lock: drain() runs only once no writer can reach this sink any more.
@@ -151,8 +156,66 @@ void async_sink::set_formatter(std::unique_ptr<spdlog::formatter> formatter) {
   target_->set_formatter(std::move(formatter));
 }
 
+bool async_sink::reserve_audit() {
+  std::lock_guard<std::mutex> lock(auditMutex_);
+  if (auditDrained_) {
+    return true;
+  }
+  if (auditReserved_ == audit_capacity) {
+    return false;
+  }
+  ++auditReserved_;
+  return true;
+}
+
+void async_sink::release_audit() {
+  std::lock_guard<std::mutex> lock(auditMutex_);
+  if (!auditDrained_) {
+    --auditReserved_;
+  }
+}
+
+void async_sink::write_audit(const spdlog::details::log_msg& msg) {
+  {
+    std::lock_guard<std::mutex> lock(auditMutex_);
+    if (!auditDrained_) {
+      auditLane_.emplace_back(msg);
+      auditReady_.notify_one();
+      return;
+    }
+  }
+  target_->log(msg);
+  target_->flush();
+}
+
+void async_sink::writeAuditLane() {
+  std::unique_lock<std::mutex> lock(auditMutex_);
+  for (;;) {
+    auditReady_.wait(lock, [this] { return auditDrained_ || !auditLane_.empty(); });
+    if (auditLane_.empty()) {
+      return;  // drained, and everything written
+    }
+    const spdlog::details::log_msg_buffer record = std::move(auditLane_.front());
+    auditLane_.pop_front();
+    // The place stays reserved until the record is out, so a stalled target fills the lane.
+    lock.unlock();
+    target_->log(record);
+    target_->flush();
+    lock.lock();
+    --auditReserved_;
+  }
+}
+
 void async_sink::drain() {
   std::lock_guard<std::mutex> lock(mutex_);
+  {
+    std::lock_guard<std::mutex> audit(auditMutex_);
+    auditDrained_ = true;
+  }
+  auditReady_.notify_one();
+  if (auditWriter_.joinable()) {
+    auditWriter_.join();  // after writing out the lane
+  }
   if (!pool_) {
     return;
   }
@@ -167,12 +230,14 @@ void async_sink::drain() {
 
 std::size_t async_sink::dropped() {
   std::lock_guard<std::mutex> lock(mutex_);
-  return pool_ ? pool_->overrun_counter() : droppedWhenDrained_;
+  std::lock_guard<std::mutex> audit(auditMutex_);
+  return (pool_ ? pool_->overrun_counter() : droppedWhenDrained_) + auditDropped_;
 }
 
 std::size_t async_sink::queued() {
   std::lock_guard<std::mutex> lock(mutex_);
-  return pool_ ? pool_->queue_size() : 0;
+  std::lock_guard<std::mutex> audit(auditMutex_);
+  return (pool_ ? pool_->queue_size() : 0) + auditLane_.size();
 }
 
 // ---- function_sink
