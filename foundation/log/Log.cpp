@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>
+#include <cstring>
 #include <filesystem>
 #include <mutex>
 #include <optional>
@@ -21,6 +22,7 @@
 #include "foundation/log/Admin.h"
 #include "foundation/log/detail/Confinement.h"
 #include "foundation/log/detail/Destination.h"
+#include "foundation/log/detail/Sinks.h"
 #include "foundation/log/detail/Specification.h"
 
 namespace foundation {
@@ -51,6 +53,7 @@ struct audit_target {
 namespace {
 
 constexpr const char* kInitialDestination = "stderr";
+constexpr const char* kJsonPrefix = "json:";
 constexpr const char* kInitialSpecification = "info";
 constexpr std::chrono::seconds kShortestTimedSpecification{1};
 constexpr std::chrono::seconds kLongestTimedSpecification{86400};
@@ -157,7 +160,9 @@ class ProcessLog {
     std::shared_ptr<spdlog::sinks::sink> retired;
     {
       std::lock_guard<std::mutex> lock(mutex_);
-      auto sink = detail::open_destination(text, confinement_);
+      const bool json = text.rfind(kJsonPrefix, 0) == 0;
+      auto sink = detail::open_destination(json ? text.substr(std::strlen(kJsonPrefix)) : text, confinement_);
+      sink->set_formatter(std::make_unique<detail::record_formatter>(json));
       router_->set_sinks({sink});
       retired = std::exchange(destination_sink_, std::move(sink));
       destination_ = text;
@@ -170,6 +175,7 @@ class ProcessLog {
   // The destination in force, if the audit channel passes info records now, with room reserved
   // for the record.
   std::shared_ptr<detail::audit_target> auditTarget() {
+    channelNamed(audit_channel_name);  // listed among the channels, like any channel written to
     auto target = std::make_shared<detail::audit_target>();
     {
       std::lock_guard<std::mutex> lock(mutex_);
@@ -326,6 +332,7 @@ class ProcessLog {
         specificationText_(kInitialSpecification),
         specification_(detail::parse_specification(kInitialSpecification)),
         destination_sink_(std::make_shared<spdlog::sinks::stderr_sink_mt>()) {
+    destination_sink_->set_formatter(std::make_unique<detail::record_formatter>(false));
     router_->set_sinks({destination_sink_});
   }
 

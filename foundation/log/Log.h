@@ -37,6 +37,13 @@
 //                 normally (exit() or a return from main), the queue is written out to DEST
 //                 before DEST is closed; records written after that, from static destructors,
 //                 go straight to DEST.
+//   "json:DEST"   DEST (any of the above) with every record written as one JSON object per line
+//                 (below). "json:" comes first: "json:async:file:app.log".
+//
+// Records: one line each, "[2026-11-24T11:24:42.204Z] [CHANNEL] [LEVEL] TEXT", the time in UTC
+// (ISO 8601 with milliseconds and "Z") and the level spelled as in specifications ("warn"). Under
+// "json:", {"time":"2026-11-24T11:24:42.204Z","channel":"CHANNEL","level":"LEVEL","text":"TEXT"}:
+// every line parses as JSON whatever bytes TEXT holds (a byte that is not UTF-8 becomes U+FFFD).
 //
 // Specification texts: comma-separated items, each either a level (the default for every channel)
 // or PATTERN=LEVEL (an override for the channels whose name matches the shell-style PATTERN,

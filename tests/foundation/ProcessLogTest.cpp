@@ -4,9 +4,11 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <future>
+#include <random>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -14,6 +16,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include "foundation/log/Log.h"
 #include "foundation/log/TestDestination.h"
@@ -143,7 +146,7 @@ TEST_F(ProcessLog, AFullQueueDropsTheOldestCountsThemAndWarnsOncePerOverflow) {
   }
   flog::set_destination("null");
   const std::string warning = " log records were dropped because the async queue of 8192 records was full\n";
-  EXPECT_THAT(warnings, ::testing::ElementsAre(HasSubstr("[foundation.log] [warning] 5" + warning),
+  EXPECT_THAT(warnings, ::testing::ElementsAre(HasSubstr("[foundation.log] [warn] 5" + warning),
                                                HasSubstr("] 3" + warning)));
   ASSERT_EQ(kept.size(), 2 * kQueue);  // the oldest were dropped
   EXPECT_THAT(kept[0], HasSubstr("[proclog.drops] [info] r5\n"));
@@ -215,6 +218,34 @@ TEST_F(ProcessLog, ATimedSpecificationRestoresWhatWasInForceBeforeItsFirstWindow
       texts(dir / "app.log"),
       ::testing::ElementsAre(::testing::MatchesRegex(
           "specification \"info,proclog.timed=warn\" restored after [2-9] s of the timed \"debug\"")));
+}
+
+// Under json:, every line parses whatever bytes its text holds, and gives the channel, the level
+// as specifications spell it and the time in UTC, whatever the local time zone.
+TEST_F(ProcessLog, EveryJsonLineParsesWhateverItsTextHoldsWithTheTimeInUtc) {
+  ::setenv("TZ", "XXX-14", 1);  // fourteen hours ahead of UTC
+  ::tzset();
+  flog::set_destination("json:file:" + (dir / "app.log"));
+  const flog::channel channel("proclog.json");
+  std::mt19937 random(7);
+  const std::time_t now = std::time(nullptr);
+  for (int i = 0; i < 500; ++i) {
+    std::string text(random() % 40, '\0');
+    for (char& byte : text)
+      byte = static_cast<char>(random());
+    channel.warn(text);
+  }
+  flog::set_destination("null");
+  char hour[16];
+  std::strftime(hour, sizeof hour, "%Y-%m-%dT%H", std::gmtime(&now));
+  const std::vector<std::string> lines = TempDirectory::lines(dir / "app.log");
+  ASSERT_EQ(lines.size(), 500u);
+  for (const std::string& line : lines) {
+    const nlohmann::json record = nlohmann::json::parse(line);  // throws for a line that does not parse
+    EXPECT_EQ(record["level"], "warn");
+    EXPECT_THAT(record["time"].get<std::string>(),
+                ::testing::MatchesRegex(std::string(hour) + ":..:..\\....Z"));
+  }
 }
 
 }  // namespace

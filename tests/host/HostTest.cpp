@@ -46,9 +46,9 @@ using host::admin::Status;
 using test_support::AdminPeer;
 using test_support::CountedMessage;
 using ::testing::AnyOf;
-using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using Arguments = std::vector<std::string>;
+namespace flog = foundation::log;
 using Journal = std::vector<std::string>;  // written by one thread at a time
 
 // ---- Connector ----
@@ -305,7 +305,6 @@ TEST(CommandRegistry, RegistrationKeepsTheFirstCommandOfANameAndEveryFailureIsAn
 // destination or silences the audit channel is recorded where the audit was going, and one run
 // while the audit channel is silenced is not.
 TEST(CommandRegistry, ACommandIsAuditedWhereTheAuditWentWhenItArrived) {
-  namespace flog = foundation::log;
   test_support::TempDirectory dir;
   host::CommandRegistry registry;
   registry.registerCommand(command("apply", 2, 2, [](Arguments&& a) {
@@ -317,14 +316,13 @@ TEST(CommandRegistry, ACommandIsAuditedWhereTheAuditWentWhenItArrived) {
   registry.execute("apply", {"file:" + (dir / "b.log"), "info,connector.audit=off"});
   registry.execute("apply", {"null", "info"});
   EXPECT_THAT(test_support::TempDirectory::lines(dir / "a.log"),
-              ElementsAre(HasSubstr("connector.audit=off")));
+              ::testing::ElementsAre(HasSubstr("connector.audit=off")));
   EXPECT_EQ(test_support::TempDirectory::read(dir / "b.log"), "");
 }
 
 // Behind async:, a stalled destination holds no writer: another thread keeps logging, and
 // commands run until the audit lane is full, then are refused without running.
 TEST(CommandRegistry, AStalledDestinationHoldsNoWriterAndAFullAuditLaneRefusesCommands) {
-  namespace flog = foundation::log;
   std::promise<void> release;
   flog::testing::define_test_destination(
       "host.stall", [stalled = release.get_future().share()](std::string_view) { stalled.wait(); });
@@ -337,15 +335,11 @@ TEST(CommandRegistry, AStalledDestinationHoldsNoWriterAndAFullAuditLaneRefusesCo
       channel.info("x");
   });
   host::CommandRegistry::Result result{true, ""};
-  for (int i = 0; i < 1000 && result.succeeded; ++i) {
+  for (int i = 0; i < 1000 && result.succeeded; ++i)
     result = registry.execute("count", {});
-  }
   other.join();  // progress, not timing: it logged all of its records
   EXPECT_EQ(ran, 256);
-  EXPECT_EQ(result.text,
-            "command \"count\" is refused: its audit record cannot be written, as the process "
-            "log's destination is not taking records (its audit lane is full); no command runs "
-            "unaudited. Unblock the destination, then retry");
+  EXPECT_THAT(result.text, HasSubstr("command \"count\" is refused: its audit record cannot be written"));
   release.set_value();
   flog::set_destination("null");
 }
@@ -497,7 +491,7 @@ TEST(AdminServer, PeerOfAnotherUserIsRefusedAndAudited) {
   EXPECT_EQ(status, 0);
   foundation::log::set_destination("null");
   EXPECT_THAT(test_support::TempDirectory::read(f.directory / "audit.log"),
-              HasSubstr("[warning] refused uid=65534 pid=" + std::to_string(child) + " on " + f.path));
+              HasSubstr("[warn] refused uid=65534 pid=" + std::to_string(child) + " on " + f.path));
 }
 
 }  // namespace

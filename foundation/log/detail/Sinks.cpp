@@ -1,9 +1,12 @@
 #include "foundation/log/detail/Sinks.h"
 
+#include <cstdio>
+#include <ctime>
 #include <utility>
 
 #include <spdlog/details/log_msg.h>
 #include <spdlog/pattern_formatter.h>
+#include <nlohmann/json.hpp>
 
 #include "foundation/log/Log.h"
 
@@ -238,6 +241,47 @@ std::size_t async_sink::queued() {
   std::lock_guard<std::mutex> lock(mutex_);
   std::lock_guard<std::mutex> audit(auditMutex_);
   return (pool_ ? pool_->queue_size() : 0) + auditLane_.size();
+}
+
+// ---- record_formatter
+
+namespace {
+
+// Levels as specifications spell them, in spdlog's order.
+constexpr const char* kLevelNames[] = {"trace", "debug", "info", "warn", "error", "critical", "off"};
+
+std::string isoUtc(spdlog::log_clock::time_point time) {
+  const auto since = time.time_since_epoch();
+  const std::time_t seconds = std::chrono::duration_cast<std::chrono::seconds>(since).count();
+  const auto millis = std::chrono::duration_cast<std::chrono::milliseconds>(since).count() % 1000;
+  std::tm utc{};
+  ::gmtime_r(&seconds, &utc);
+  char text[32];
+  const std::size_t length = std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &utc);
+  std::snprintf(text + length, sizeof text - length, ".%03dZ", static_cast<int>(millis));
+  return text;
+}
+
+// A JSON string, quoted and escaped; bytes that are not UTF-8 become U+FFFD.
+std::string jsonString(spdlog::string_view_t text) {
+  return nlohmann::json(std::string(text.data(), text.size()))
+      .dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
+}  // namespace
+
+void record_formatter::format(const spdlog::details::log_msg& msg, spdlog::memory_buf_t& dest) {
+  const std::string time = isoUtc(msg.time);
+  const char* const level = kLevelNames[static_cast<int>(msg.level)];
+  std::string line;
+  if (json_) {
+    line = "{\"time\":\"" + time + "\",\"channel\":" + jsonString(msg.logger_name) + ",\"level\":\"" + level +
+           "\",\"text\":" + jsonString(msg.payload) + "}\n";
+  } else {
+    line = "[" + time + "] [" + std::string(msg.logger_name.data(), msg.logger_name.size()) + "] [" + level +
+           "] " + std::string(msg.payload.data(), msg.payload.size()) + "\n";
+  }
+  dest.append(line.data(), line.data() + line.size());
 }
 
 // ---- function_sink

@@ -123,6 +123,25 @@ class async_sink final : public spdlog::sinks::sink {
   std::thread auditWriter_;        // joined by drain()
 };
 
+// How the process log writes a record, as one line: by default
+//   [2026-11-24T11:24:42.204Z] [CHANNEL] [LEVEL] TEXT
+// with the time in UTC (ISO 8601, milliseconds, "Z") and the level spelled as specifications
+// spell it (trace, debug, info, warn, error, critical); as JSON,
+//   {"time":"2026-11-24T11:24:42.204Z","channel":"CHANNEL","level":"LEVEL","text":"TEXT"}
+// where every string is valid UTF-8 and escaped, whatever bytes the record holds (a byte that is
+// not UTF-8 becomes U+FFFD). Safe from any thread.
+class record_formatter final : public spdlog::formatter {
+ public:
+  explicit record_formatter(bool json) : json_(json) {}
+  void format(const spdlog::details::log_msg& msg, spdlog::memory_buf_t& dest) override;
+  std::unique_ptr<spdlog::formatter> clone() const override {
+    return std::make_unique<record_formatter>(json_);
+  }
+
+ private:
+  const bool json_;
+};
+
 // "test:NAME": hands each record, formatted, to a function of a test.
 class function_sink final : public spdlog::sinks::base_sink<std::mutex> {
  public:
