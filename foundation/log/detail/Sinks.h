@@ -1,6 +1,7 @@
 // The sinks behind the destinations that spdlog does not offer as they are: a file that can be
 // opened again by name ("file:", "rotating:"), a bounded queue that a background thread drains
-// into another destination ("async:"), and a function that a test supplies ("test:NAME").
+// into another destination ("async:"), and a function that a test supplies ("test:NAME"); and
+// the formatter that writes the process log's records as text or JSON lines ("json:").
 //
 // Internal to connector_common_services (not installed). Every sink here is safe from any
 // thread, like spdlog's "_mt" sinks, so that one destination may be written by several threads
