@@ -22,7 +22,8 @@ constexpr const char* kGetStatistics = "connector.log.getStatistics";
 
 constexpr const char* kReopenDescription = "Reopen the file of the fl::log destination by its name.";
 constexpr const char* kSetSpecificationForDescription =
-    "Update the fl::log specification for SECONDS seconds, then restore the previous one.";
+    "Update the fl::log specification for SECONDS seconds, then restore the one in force before the "
+    "window; re-issuing replaces the window, connector.log.setSpecification ends it.";
 constexpr const char* kGetStatisticsDescription =
     "Get the fl::log record counts, destination and pending restore.";
 

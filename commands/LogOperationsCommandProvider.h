@@ -3,9 +3,11 @@
 //
 //   connector.log.reopen                                no argument   reopens the destination's file; answers
 //   "" connector.log.setSpecificationFor SECONDS SPECIFICATION           applies SPECIFICATION, restores the
-//                                                                     previous one after SECONDS (1 to 86400)
-//                                                                     unless another is set meanwhile;
-//                                                                     answers ""
+//                                                                     one in force before the window after
+//                                                                     SECONDS (1 to 86400); re-issuing
+//                                                                     replaces the window and keeps what is
+//                                                                     restored; setSpecification ends the
+//                                                                     window; answers ""
 //   connector.log.getStatistics                         no argument   "records=N dropped=N queued=N", then
 //                                                                     "destination=TEXT" and, while a restore
 //                                                                     is pending, "restore=SPEC in_s=N", a

@@ -19,11 +19,9 @@ const char* const kHelpName = "help";
 const char* const kHelpDescription = "List every command, or describe the one named.";
 
 const char* const kAuditSucceeded = "ok";
-
-const foundation::log::channel& auditTrail() {
-  static const foundation::log::channel channel(foundation::log::audit_channel_name);
-  return channel;
-}
+const char* const kAuditLaneFull =
+    "\" is refused: its audit record cannot be written, as the process log's destination is not taking "
+    "records (its audit lane is full); no command runs unaudited. Unblock the destination, then retry";
 
 // The most a Command record can declare; a command that declares it takes any number.
 constexpr unsigned kNoUpperLimit = 255;
@@ -153,6 +151,12 @@ Future<bool> CommandRegistry::unregisterCommand(const std::string& name) {
 
 CommandRegistry::Result CommandRegistry::execute(const std::string& name, std::vector<std::string> arguments,
                                                  const std::string& caller) const {
+  // The record goes where the audit went when the command arrived: a command that moves the
+  // destination or silences the audit channel is still recorded, in the place it leaves.
+  const foundation::log::audit_route audit;
+  if (!audit.writable()) {
+    return {false, "command \"" + name + kAuditLaneFull};
+  }
   // The arguments are shown as given, before the handler may consume them.
   std::string record = "caller=" + quoted(caller) + " command=" + quoted(name) + " arguments=[";
   for (std::size_t i = 0; i < arguments.size(); ++i) {
@@ -160,7 +164,7 @@ CommandRegistry::Result CommandRegistry::execute(const std::string& name, std::v
   }
   Result result = run(name, std::move(arguments));
   record += "] outcome=" + (result.succeeded ? std::string(kAuditSucceeded) : quoted(result.text));
-  auditTrail().info(record);
+  audit.write(record);
   return result;
 }
 

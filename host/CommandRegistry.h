@@ -62,6 +62,11 @@ class CommandRegistry final : public administration::Administration {
   // Runs the command and writes one info record on the process log's audit channel
   // ("connector.audit"): who asked (`caller`, e.g. a user name or "uid=U pid=P"), the command,
   // its arguments quoted (blanks and line feeds visible) and the outcome, "ok" or the error text.
+  // The record goes to the destination in force when the command arrived, if the audit channel
+  // passed then: a command that moves the destination or silences the audit channel is recorded
+  // where the audit was going, and a command run while it was silenced is not recorded. Behind
+  // an "async:" destination whose audit lane is full, the command does not run: the result is a
+  // failure saying that its audit record cannot be written.
   Result execute(const std::string& name, std::vector<std::string> arguments,
                  const std::string& caller = {}) const;
 

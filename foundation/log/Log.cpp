@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>
+#include <cstring>
 #include <exception>
 #include <filesystem>
 #include <mutex>
@@ -23,6 +24,7 @@
 #include "foundation/log/LineDestination.h"
 #include "foundation/log/detail/Confinement.h"
 #include "foundation/log/detail/Destination.h"
+#include "foundation/log/detail/Sinks.h"
 #include "foundation/log/detail/Specification.h"
 
 namespace foundation {
@@ -35,14 +37,30 @@ struct channel_core {
   std::shared_ptr<spdlog::logger> logger;  // its only sink is the process router
 };
 
+// Holds the room reserved for one audit record, and gives it back if the record is never written.
+struct audit_target {
+  std::shared_ptr<spdlog::sinks::sink> sink;  // null when the audit channel did not pass info
+  bool reserved = false;                      // room for the record was made on arrival
+  mutable std::atomic<bool> written{false};
+
+  ~audit_target() {
+    if (reserved && !written.load()) {
+      release_audit(*sink);
+    }
+  }
+};
+
 }  // namespace detail
 
 namespace {
 
 constexpr const char* kInitialDestination = "stderr";
+constexpr const char* kJsonPrefix = "json:";
 constexpr const char* kInitialSpecification = "info";
 constexpr std::chrono::seconds kShortestTimedSpecification{1};
 constexpr std::chrono::seconds kLongestTimedSpecification{86400};
+// The channel of the process log's own records: the restore of a timed specification.
+constexpr const char* kOwnChannel = "foundation.log";
 
 using Clock = std::chrono::steady_clock;
 
@@ -52,6 +70,12 @@ class Router final : public spdlog::sinks::dist_sink<std::mutex> {
   std::uint64_t records() {
     std::lock_guard<std::mutex> lock(mutex_);
     return records_;
+  }
+
+  // Counts a record written past the router, straight to a destination.
+  void countOne() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    ++records_;
   }
 
  protected:
@@ -67,10 +91,13 @@ class Router final : public spdlog::sinks::dist_sink<std::mutex> {
 // Whether the process log exists yet; the exit hook below shuts down only one that does.
 std::atomic<bool> processLogCreated{false};
 
-// A specification set for a time, and what to restore after it.
+// A specification set for a time, and what to restore after it. Re-issuing a timed
+// specification replaces the deadline and keeps the rest, so that the one in force before the
+// first timed change is what comes back.
 struct PendingRestore {
-  std::string text;  // the specification in force before the timed one
+  std::string text;  // the specification in force before the first timed one
   detail::specification parsed;
+  Clock::time_point since;  // when the first timed one was set
   Clock::time_point deadline;
 };
 
@@ -135,7 +162,9 @@ class ProcessLog {
     std::shared_ptr<spdlog::sinks::sink> retired;
     {
       std::lock_guard<std::mutex> lock(mutex_);
-      auto sink = detail::open_destination(text, confinement_);
+      const bool json = text.rfind(kJsonPrefix, 0) == 0;
+      auto sink = detail::open_destination(json ? text.substr(std::strlen(kJsonPrefix)) : text, confinement_);
+      sink->set_formatter(std::make_unique<detail::record_formatter>(json));
       router_->set_sinks({sink});
       retired = std::exchange(destination_sink_, std::move(sink));
       destination_ = text;
@@ -143,6 +172,31 @@ class ProcessLog {
     // No channel writes to it any more. Its queue, if it has one, is written out here, outside
     // every lock, so that neither writers nor other settings wait for it.
     retiredDrops_ += detail::drain_destination(*retired);
+  }
+
+  // The destination in force, if the audit channel passes info records now, with room reserved
+  // for the record.
+  std::shared_ptr<detail::audit_target> auditTarget() {
+    channelNamed(audit_channel_name);  // listed among the channels, like any channel written to
+    auto target = std::make_shared<detail::audit_target>();
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (specification_.level_for(audit_channel_name) > toSpdlog(level::info)) {
+        return target;
+      }
+      target->sink = destination_sink_;
+    }
+    target->reserved = detail::reserve_audit(*target->sink);
+    return target;
+  }
+
+  // Writes one audit record to `sink`, which may have been retired meanwhile: a retired file
+  // stays open while the route holds it, and a drained "async:" queue writes straight through.
+  void writeAudit(spdlog::sinks::sink& sink, std::string_view text) {
+    const spdlog::details::log_msg msg(audit_channel_name, spdlog::level::info,
+                                       spdlog::string_view_t(text.data(), text.size()));
+    detail::write_audit(sink, msg);
+    router_->countOne();
   }
 
   void reopen() {
@@ -190,9 +244,12 @@ class ProcessLog {
     }
     detail::specification parsed = detail::parse_specification(text);
     std::lock_guard<std::mutex> lock(mutex_);
-    PendingRestore restore{specificationText_, specification_, Clock::now() + duration};
+    const Clock::time_point now = Clock::now();
+    if (!pending_) {
+      pending_ = PendingRestore{specificationText_, specification_, now, now};
+    }
+    pending_->deadline = now + duration;
     apply(std::move(parsed), text);
-    pending_ = std::move(restore);
     if (!restorer_.joinable() && !stopping_) {
       restorer_ = std::thread([this] { restoreWhenDue(); });
     }
@@ -258,7 +315,15 @@ class ProcessLog {
       } else {
         PendingRestore due = std::move(*pending_);
         pending_.reset();
+        const std::string timed = specificationText_;
         apply(std::move(due.parsed), due.text);
+        const auto lasted = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - due.since);
+        // Writing joins a channel, which takes mutex_.
+        lock.unlock();
+        channel(kOwnChannel)
+            .info("specification \"" + due.text + "\" restored after " + std::to_string(lasted.count()) +
+                  " s of the timed \"" + timed + "\"");
+        lock.lock();
       }
     }
   }
@@ -269,6 +334,7 @@ class ProcessLog {
         specificationText_(kInitialSpecification),
         specification_(detail::parse_specification(kInitialSpecification)),
         destination_sink_(std::make_shared<spdlog::sinks::stderr_sink_mt>()) {
+    destination_sink_->set_formatter(std::make_unique<detail::record_formatter>(false));
     router_->set_sinks({destination_sink_});
   }
 
@@ -321,6 +387,18 @@ void channel::write(level severity, std::string_view text) const {
     return;
   }
   core_->logger->log(toSpdlog(severity), spdlog::string_view_t(text.data(), text.size()));
+}
+
+audit_route::audit_route() : target_(ProcessLog::instance().auditTarget()) {}
+
+bool audit_route::writable() const noexcept {
+  return !target_->sink || target_->reserved;
+}
+
+void audit_route::write(std::string_view text) const {
+  if (target_->sink && target_->reserved && !target_->written.exchange(true)) {
+    ProcessLog::instance().writeAudit(*target_->sink, text);
+  }
 }
 
 std::string destination() {

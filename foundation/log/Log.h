@@ -28,12 +28,22 @@
 //                 waits for DEST: when the queue is full the oldest queued record is dropped and
 //                 counted, and once the queue has room again (the overflow is over)
 //                 it writes one warn record (channel "foundation.log") saying how many were
-//                 dropped since the last such record. Records of the audit channel bypass the queue: they are
-//                 written to DEST on the caller's thread, so they are never dropped (and may precede records
-//                 still queued). When the destination changes, and when the process exits
+//                 dropped since the last such record. Records of the audit channel travel in a lane
+//                 of their own (256 records, its own thread), which other channels cannot overrun and
+//                 no writer waits for: a command's record reserves its place when the command arrives,
+//                 and a full lane refuses the command (see audit_route); any other audit record that
+//                 finds it full is dropped and counted. Queued and dropped counts include the lane.
+//                 When the destination changes, and when the process exits
 //                 normally (exit() or a return from main), the queue is written out to DEST
 //                 before DEST is closed; records written after that, from static destructors,
 //                 go straight to DEST.
+//   "json:DEST"   DEST (any of the above) with every record written as one JSON object per line
+//                 (below). "json:" comes first: "json:async:file:app.log".
+//
+// Records: one line each, "[2026-11-24T11:24:42.204Z] [CHANNEL] [LEVEL] TEXT", the time in UTC
+// (ISO 8601 with milliseconds and "Z") and the level spelled as in specifications ("warn"). Under
+// "json:", {"time":"2026-11-24T11:24:42.204Z","channel":"CHANNEL","level":"LEVEL","text":"TEXT"}:
+// every line parses as JSON whatever bytes TEXT holds (a byte that is not UTF-8 becomes U+FFFD).
 //
 // Specification texts: comma-separated items, each either a level (the default for every channel)
 // or PATTERN=LEVEL (an override for the channels whose name matches the shell-style PATTERN,
@@ -43,7 +53,8 @@
 // critical, off. Examples: "info", "warn,connector.*=debug", "off,connector.delivery=trace".
 // The initial specification is "info". A specification may be set for a time
 // (set_specification_for()): when the time is up, the one in force before it is restored,
-// unless another specification was set meanwhile.
+// unless another specification was set meanwhile, and the restore is written as an info record
+// of channel "foundation.log" (what was restored, after how many seconds).
 //
 // Threads of its own: the background thread of an "async:" destination (one per such destination,
 // joined when it is drained) and, from the first timed specification on, one thread that waits
@@ -76,7 +87,8 @@ inline constexpr const char* audit_channel_name = "connector.audit";
 
 namespace detail {
 struct channel_core;  // the process-wide channel behind a handle; defined in Log.cpp
-}
+struct audit_target;  // a destination held for one audit record; defined in Log.cpp
+}  // namespace detail
 
 // A handle onto the process channel of a given name. Constructing one with a name that already
 // exists joins that channel; otherwise the channel is created, listed by the admin (after every
@@ -108,6 +120,29 @@ class CONNECTOR_EXPORT channel {
   std::shared_ptr<detail::channel_core> core_;
 };
 
+// Where the audit record of one command goes: the destination in force when the route was made
+// (when the command arrived), and whether the audit channel passed info records then. A record
+// written through it reaches that destination even when the command has since moved the
+// destination or silenced the audit channel, so no command can leave its own record nowhere; it
+// is counted in statistics().records. Copies share the destination, which stays open while any
+// route holds it. Behind "async:" the route reserves a place in the audit lane when it is made,
+// so the record never waits for the destination, and writable() is false when the lane is full:
+// the caller must then refuse the command. Safe from any thread.
+class CONNECTOR_EXPORT audit_route {
+ public:
+  audit_route();
+
+  // Whether write() will reach the destination (true also when the audit channel did not pass).
+  bool writable() const noexcept;
+
+  // Writes one info record on the audit channel, once per route; nothing when the channel did
+  // not pass on arrival or writable() is false.
+  void write(std::string_view text) const;
+
+ private:
+  std::shared_ptr<const detail::audit_target> target_;
+};
+
 // The destination in force, exactly as it was set (initially "stderr").
 CONNECTOR_EXPORT std::string destination();
 
@@ -123,9 +158,12 @@ CONNECTOR_EXPORT std::string specification();
 CONNECTOR_EXPORT void set_specification(const std::string& text);
 
 // Applies `text` now and restores the specification in force before it once `duration` (1 to
-// 86,400 seconds) has passed, unless another specification is set meanwhile (which cancels the
-// restore). Throws std::invalid_argument for a duration outside that range or a text that
-// set_specification() would refuse, and then changes nothing (a pending restore stays).
+// 86,400 seconds) has passed, unless set_specification() is called meanwhile (which ends the
+// window: nothing is restored). Called again while a restore is pending, it replaces the window
+// (the restore is `duration` from now) and keeps what will be restored: the specification in
+// force before the first timed one, so re-issuing to extend a window never leaves it on. Throws
+// std::invalid_argument for a duration outside that range or a text that set_specification() would refuse,
+// and then changes nothing (a pending restore stays).
 CONNECTOR_EXPORT void set_specification_for(std::chrono::seconds duration, const std::string& text);
 
 // Closes the file of the destination in force ("file:", "rotating:", or "async:" before one of

@@ -4,9 +4,11 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <future>
+#include <random>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -14,6 +16,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include "foundation/log/Log.h"
 #include "foundation/log/TestDestination.h"
@@ -110,28 +113,23 @@ TEST_F(ProcessLog, ANormalExitWritesOutTheQueue) {
 
 // A stalled destination, twice: the queue keeps the newest 8,192 records, counts those it
 // dropped, and once it has room again writes one warning with the drops since the last warning.
-// The audit trail passes the queue, on the writer's own thread.
+// An audit record written meanwhile travels in its own lane: it is neither dropped nor a cause of drops.
 TEST_F(ProcessLog, AFullQueueDropsTheOldestCountsThemAndWarnsOncePerOverflow) {
   constexpr std::uint64_t kQueue = 8192;
   std::promise<void> entered[2], release[2];
   std::future<void> reached[2] = {entered[0].get_future(), entered[1].get_future()};
   std::future<void> released[2] = {release[0].get_future(), release[1].get_future()};
-  std::vector<std::string> warnings, kept;  // written on the queue's thread, read once it is drained
-  std::thread::id auditWriter;
+  std::vector<std::string> warnings, kept;  // the others and proclog.drops's, read once drained
   int stalls = 0;
   flog::testing::define_test_destination("proclog.stall", [&](std::string_view record) {
-    if (record.find("[connector.audit]") != std::string_view::npos) {
-      auditWriter = std::this_thread::get_id();
-    } else if (record.find("] stall\n") != std::string_view::npos) {
+    if (record.find("] stall\n") != std::string_view::npos) {
       entered[stalls].set_value();
       released[stalls++].wait();
     } else {
-      (record.find("[foundation.log]") != std::string_view::npos ? warnings : kept).emplace_back(record);
+      (record.find("[proclog.drops]") == std::string_view::npos ? warnings : kept).emplace_back(record);
     }
   });
   flog::set_destination("async:test:proclog.stall");
-  flog::channel(flog::audit_channel_name).info("audited");
-  EXPECT_EQ(auditWriter, std::this_thread::get_id());
   const flog::channel channel("proclog.drops");
   const auto before = flog::statistics();
   const std::uint64_t drops[2] = {5, 3};
@@ -145,12 +143,14 @@ TEST_F(ProcessLog, AFullQueueDropsTheOldestCountsThemAndWarnsOncePerOverflow) {
       channel.info("r" + std::to_string(i));
     }
     EXPECT_EQ(flog::statistics().queued, kQueue);
+    flog::channel(flog::audit_channel_name).info("audited " + std::to_string(round));
     release[round].set_value();
   }
   flog::set_destination("null");
   const std::string warning = " log records were dropped because the async queue of 8192 records was full\n";
-  EXPECT_THAT(warnings, ::testing::ElementsAre(HasSubstr("[foundation.log] [warning] 5" + warning),
-                                               HasSubstr("] 3" + warning)));
+  EXPECT_THAT(warnings, ::testing::UnorderedElementsAre(HasSubstr("[foundation.log] [warn] 5" + warning),
+                                                        HasSubstr("] 3" + warning), HasSubstr("] audited 0"),
+                                                        HasSubstr("] audited 1")));
   ASSERT_EQ(kept.size(), 2 * kQueue);  // the oldest were dropped
   EXPECT_THAT(kept[0], HasSubstr("[proclog.drops] [info] r5\n"));
   EXPECT_EQ(flog::statistics().dropped - before.dropped, drops[0] + drops[1]);
@@ -196,23 +196,59 @@ TEST_F(ProcessLog, ReopeningAfterARenameSplitsTheRecordsAcrossTheTwoFiles) {
   EXPECT_THROW(flog::reopen(), std::invalid_argument);
 }
 
-// A timed specification is restored when its time is up, unless another was set meanwhile: the
-// first restore below is cancelled by a plain set, so only the second one happens.
-TEST_F(ProcessLog, ATimedSpecificationIsRestoredUnlessAnotherWasSetMeanwhile) {
+// A timed specification is restored when its time is up, unless a plain set ended the window:
+// the first window below is ended, the second is re-issued, which keeps what is restored, and
+// the restore is logged.
+TEST_F(ProcessLog, ATimedSpecificationRestoresWhatWasInForceBeforeItsFirstWindowAndSaysSo) {
+  flog::set_destination("file:" + (dir / "app.log"));
   flog::set_specification_for(std::chrono::seconds(1), "debug");
-  flog::set_specification("warn");
+  flog::set_specification("info,proclog.timed=warn");
   EXPECT_FALSE(flog::statistics().pending_restore);
   flog::set_specification_for(std::chrono::seconds(1), "trace");
+  flog::set_specification_for(std::chrono::seconds(2), "debug");
   const auto pending = flog::statistics().pending_restore;
   ASSERT_TRUE(pending);
-  EXPECT_EQ(pending->specification, "warn");
-  EXPECT_EQ(pending->remaining, std::chrono::seconds(1));
-  while (flog::specification() == "trace") {  // the restoring thread's turn; the time-out bounds it
-    std::this_thread::yield();
+  EXPECT_EQ(pending->specification, "info,proclog.timed=warn");
+  EXPECT_EQ(pending->remaining, std::chrono::seconds(2));
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(1);  // generous, not timed
+  while (TempDirectory::lines(dir / "app.log").empty() && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
-  EXPECT_EQ(flog::specification(), "warn");
+  EXPECT_EQ(flog::specification(), "info,proclog.timed=warn");
   EXPECT_FALSE(flog::statistics().pending_restore);
   EXPECT_FALSE(flog::channel("proclog.timed").enabled(flog::level::info));
+  EXPECT_THAT(
+      texts(dir / "app.log"),
+      ::testing::ElementsAre(::testing::MatchesRegex(
+          "specification \"info,proclog.timed=warn\" restored after [2-9] s of the timed \"debug\"")));
+}
+
+// Under json:, every line parses whatever bytes its text holds, and gives the channel, the level
+// as specifications spell it and the time in UTC, whatever the local time zone.
+TEST_F(ProcessLog, EveryJsonLineParsesWhateverItsTextHoldsWithTheTimeInUtc) {
+  ::setenv("TZ", "XXX-14", 1);  // fourteen hours ahead of UTC
+  ::tzset();
+  flog::set_destination("json:file:" + (dir / "app.log"));
+  const flog::channel channel("proclog.json");
+  std::mt19937 random(7);
+  const std::time_t now = std::time(nullptr);
+  for (int i = 0; i < 500; ++i) {
+    std::string text(random() % 40, '\0');
+    for (char& byte : text)
+      byte = static_cast<char>(random());
+    channel.warn(text);
+  }
+  flog::set_destination("null");
+  char hour[16];
+  std::strftime(hour, sizeof hour, "%Y-%m-%dT%H", std::gmtime(&now));
+  const std::vector<std::string> lines = TempDirectory::lines(dir / "app.log");
+  ASSERT_EQ(lines.size(), 500u);
+  for (const std::string& line : lines) {
+    const nlohmann::json record = nlohmann::json::parse(line);  // throws for a line that does not parse
+    EXPECT_EQ(record["level"], "warn");
+    EXPECT_THAT(record["time"].get<std::string>(),
+                ::testing::MatchesRegex(std::string(hour) + ":..:..\\....Z"));
+  }
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
@@ -23,6 +24,7 @@
 #include <boost/variant/get.hpp>
 
 #include "foundation/log/Log.h"
+#include "foundation/log/TestDestination.h"
 #include "host/AdminProtocol.h"
 #include "host/AdminServer.h"
 #include "host/CommandRegistry.h"
@@ -46,6 +48,7 @@ using test_support::CountedMessage;
 using ::testing::AnyOf;
 using ::testing::HasSubstr;
 using Arguments = std::vector<std::string>;
+namespace flog = foundation::log;
 using Journal = std::vector<std::string>;  // written by one thread at a time
 
 // ---- Connector ----
@@ -298,6 +301,49 @@ TEST(CommandRegistry, RegistrationKeepsTheFirstCommandOfANameAndEveryFailureIsAn
             "error: unknown command \"\\x1b[2J\\\"é\"; \"help\" lists the commands");
 }
 
+// A command's record reaches the destination in force when it arrived: one that moves the
+// destination or silences the audit channel is recorded where the audit was going, and one run
+// while the audit channel is silenced is not.
+TEST(CommandRegistry, ACommandIsAuditedWhereTheAuditWentWhenItArrived) {
+  test_support::TempDirectory dir;
+  host::CommandRegistry registry;
+  registry.registerCommand(command("apply", 2, 2, [](Arguments&& a) {
+    flog::set_destination(a[0]);
+    flog::set_specification(a[1]);
+    return std::string();
+  }));
+  flog::set_destination("file:" + (dir / "a.log"));
+  registry.execute("apply", {"file:" + (dir / "b.log"), "info,connector.audit=off"});
+  registry.execute("apply", {"null", "info"});
+  EXPECT_THAT(test_support::TempDirectory::lines(dir / "a.log"),
+              ::testing::ElementsAre(HasSubstr("connector.audit=off")));
+  EXPECT_EQ(test_support::TempDirectory::read(dir / "b.log"), "");
+}
+
+// Behind async:, a stalled destination holds no writer: another thread keeps logging, and
+// commands run until the audit lane is full, then are refused without running.
+TEST(CommandRegistry, AStalledDestinationHoldsNoWriterAndAFullAuditLaneRefusesCommands) {
+  std::promise<void> release;
+  flog::testing::define_test_destination(
+      "host.stall", [stalled = release.get_future().share()](std::string_view) { stalled.wait(); });
+  flog::set_destination("async:test:host.stall");
+  host::CommandRegistry registry;
+  std::atomic<int> ran{0}, logged{0};
+  registry.registerCommand(command("count", 0, 0, [&ran](Arguments&&) { return std::to_string(++ran); }));
+  std::thread other([&logged] {
+    for (const flog::channel channel("host.other"); logged < 100'000; ++logged)
+      channel.info("x");
+  });
+  host::CommandRegistry::Result result{true, ""};
+  for (int i = 0; i < 1000 && result.succeeded; ++i)
+    result = registry.execute("count", {});
+  other.join();  // progress, not timing: it logged all of its records
+  EXPECT_EQ(ran, 256);
+  EXPECT_THAT(result.text, HasSubstr("command \"count\" is refused: its audit record cannot be written"));
+  release.set_value();
+  flog::set_destination("null");
+}
+
 // ---- Administration endpoint: the server, seen from a raw socket ----
 
 Response ok(const std::string& text) {
@@ -445,7 +491,7 @@ TEST(AdminServer, PeerOfAnotherUserIsRefusedAndAudited) {
   EXPECT_EQ(status, 0);
   foundation::log::set_destination("null");
   EXPECT_THAT(test_support::TempDirectory::read(f.directory / "audit.log"),
-              HasSubstr("[warning] refused uid=65534 pid=" + std::to_string(child) + " on " + f.path));
+              HasSubstr("[warn] refused uid=65534 pid=" + std::to_string(child) + " on " + f.path));
 }
 
 }  // namespace

@@ -13,7 +13,7 @@ trap 'rm -rf "$work"' EXIT
 mask() {
   sed -E -e 's/[0-9][0-9.e+-]*: (Request|Response) \(/<ms>: \1 (/' \
          -e 's/elapsed time -?[0-9][0-9.e+-]* ms/elapsed time <ms> ms/' \
-         -e 's/^\[[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9:.]+\] \[connector\.audit\]/[<time>] [connector.audit]/' \
+         -e 's/^\[[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9:.]+Z\] \[connector\.audit\]/[<time>] [connector.audit]/' \
          -e 's/^(\[<time>\] \[connector\.audit\] \[info\] caller=)"[^"]*"/\1"<user>"/' \
          -e 's/elapsed_us=[0-9]+ start=[0-9T:.Z-]+$/elapsed_us=<us> start=<time>/' \
          -e 's/"elapsed_us":[0-9]+,"start":"[0-9T:.Z-]+"/"elapsed_us":<us>,"start":"<time>"/' \

@@ -251,6 +251,26 @@ std::size_t drain_destination(spdlog::sinks::sink& destination) {
   return queue->dropped();
 }
 
+bool reserve_audit(spdlog::sinks::sink& destination) {
+  auto* queue = dynamic_cast<async_sink*>(&destination);
+  return queue == nullptr || queue->reserve_audit();
+}
+
+void write_audit(spdlog::sinks::sink& destination, const spdlog::details::log_msg& msg) {
+  if (auto* queue = dynamic_cast<async_sink*>(&destination)) {
+    queue->write_audit(msg);
+    return;
+  }
+  destination.log(msg);
+  destination.flush();
+}
+
+void release_audit(spdlog::sinks::sink& destination) {
+  if (auto* queue = dynamic_cast<async_sink*>(&destination)) {
+    queue->release_audit();
+  }
+}
+
 std::shared_ptr<spdlog::sinks::sink> open_destination(const std::string& text) {
   return open_destination(text, fs::path(file_destination_confinement()));
 }

@@ -15,6 +15,7 @@
 #include <string>
 
 #include <spdlog/common.h>
+#include <spdlog/details/log_msg.h>
 #include <spdlog/sinks/sink.h>
 
 namespace foundation {
@@ -59,6 +60,13 @@ std::shared_ptr<spdlog::sinks::sink> behind_queue(spdlog::sinks::sink& destinati
 // written on the writer's thread); does nothing for the others. Returns the records it dropped.
 // Only once no writer can reach the destination any more (see async_sink::drain()).
 std::size_t drain_destination(spdlog::sinks::sink& destination);
+
+// An audit record of one command on `destination`: reserve_audit() makes room for it before the
+// command runs (false when an "async:" destination's audit lane is full; always true for the
+// others), then write_audit() writes it, or release_audit() gives the room back unused.
+bool reserve_audit(spdlog::sinks::sink& destination);
+void write_audit(spdlog::sinks::sink& destination, const spdlog::details::log_msg& msg);
+void release_audit(spdlog::sinks::sink& destination);
 
 // The sentence that error texts end with: which destinations exist, with an example file that
 // `confinement` would accept.

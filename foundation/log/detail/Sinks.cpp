@@ -1,9 +1,12 @@
 #include "foundation/log/detail/Sinks.h"
 
+#include <cstdio>
+#include <ctime>
 #include <utility>
 
 #include <spdlog/details/log_msg.h>
 #include <spdlog/pattern_formatter.h>
+#include <nlohmann/json.hpp>
 
 #include "foundation/log/Log.h"
 
@@ -116,6 +119,7 @@ async_sink::async_sink(std::shared_ptr<spdlog::sinks::sink> target)
   worker_ = std::make_shared<spdlog::async_logger>(kDropReporter, backend_, pool_,
                                                    spdlog::async_overflow_policy::overrun_oldest);
   worker_->set_level(spdlog::level::trace);
+  auditWriter_ = std::thread([this] { writeAuditLane(); });
 }
 
 async_sink::~async_sink() {
@@ -128,8 +132,12 @@ async_sink::~async_sink() {
 
 void async_sink::log(const spdlog::details::log_msg& msg) {
   if (msg.logger_name == audit_channel_name) {
-    target_->log(msg);
-    target_->flush();
+    if (reserve_audit()) {
+      write_audit(msg);
+    } else {
+      std::lock_guard<std::mutex> lock(auditMutex_);
+      ++auditDropped_;
+    }
     return;
   }
   // No lock: drain() runs only once no writer can reach this sink any more.
@@ -151,8 +159,66 @@ void async_sink::set_formatter(std::unique_ptr<spdlog::formatter> formatter) {
   target_->set_formatter(std::move(formatter));
 }
 
+bool async_sink::reserve_audit() {
+  std::lock_guard<std::mutex> lock(auditMutex_);
+  if (auditDrained_) {
+    return true;
+  }
+  if (auditReserved_ == audit_capacity) {
+    return false;
+  }
+  ++auditReserved_;
+  return true;
+}
+
+void async_sink::release_audit() {
+  std::lock_guard<std::mutex> lock(auditMutex_);
+  if (!auditDrained_) {
+    --auditReserved_;
+  }
+}
+
+void async_sink::write_audit(const spdlog::details::log_msg& msg) {
+  {
+    std::lock_guard<std::mutex> lock(auditMutex_);
+    if (!auditDrained_) {
+      auditLane_.emplace_back(msg);
+      auditReady_.notify_one();
+      return;
+    }
+  }
+  target_->log(msg);
+  target_->flush();
+}
+
+void async_sink::writeAuditLane() {
+  std::unique_lock<std::mutex> lock(auditMutex_);
+  for (;;) {
+    auditReady_.wait(lock, [this] { return auditDrained_ || !auditLane_.empty(); });
+    if (auditLane_.empty()) {
+      return;  // drained, and everything written
+    }
+    const spdlog::details::log_msg_buffer record = std::move(auditLane_.front());
+    auditLane_.pop_front();
+    // The place stays reserved until the record is out, so a stalled target fills the lane.
+    lock.unlock();
+    target_->log(record);
+    target_->flush();
+    lock.lock();
+    --auditReserved_;
+  }
+}
+
 void async_sink::drain() {
   std::lock_guard<std::mutex> lock(mutex_);
+  {
+    std::lock_guard<std::mutex> audit(auditMutex_);
+    auditDrained_ = true;
+  }
+  auditReady_.notify_one();
+  if (auditWriter_.joinable()) {
+    auditWriter_.join();  // after writing out the lane
+  }
   if (!pool_) {
     return;
   }
@@ -167,12 +233,55 @@ void async_sink::drain() {
 
 std::size_t async_sink::dropped() {
   std::lock_guard<std::mutex> lock(mutex_);
-  return pool_ ? pool_->overrun_counter() : droppedWhenDrained_;
+  std::lock_guard<std::mutex> audit(auditMutex_);
+  return (pool_ ? pool_->overrun_counter() : droppedWhenDrained_) + auditDropped_;
 }
 
 std::size_t async_sink::queued() {
   std::lock_guard<std::mutex> lock(mutex_);
-  return pool_ ? pool_->queue_size() : 0;
+  std::lock_guard<std::mutex> audit(auditMutex_);
+  return (pool_ ? pool_->queue_size() : 0) + auditLane_.size();
+}
+
+// ---- record_formatter
+
+namespace {
+
+// Levels as specifications spell them, in spdlog's order.
+constexpr const char* kLevelNames[] = {"trace", "debug", "info", "warn", "error", "critical", "off"};
+
+std::string isoUtc(spdlog::log_clock::time_point time) {
+  const auto since = time.time_since_epoch();
+  const std::time_t seconds = std::chrono::duration_cast<std::chrono::seconds>(since).count();
+  const auto millis = std::chrono::duration_cast<std::chrono::milliseconds>(since).count() % 1000;
+  std::tm utc{};
+  ::gmtime_r(&seconds, &utc);
+  char text[32];
+  const std::size_t length = std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &utc);
+  std::snprintf(text + length, sizeof text - length, ".%03dZ", static_cast<int>(millis));
+  return text;
+}
+
+// A JSON string, quoted and escaped; bytes that are not UTF-8 become U+FFFD.
+std::string jsonString(spdlog::string_view_t text) {
+  return nlohmann::json(std::string(text.data(), text.size()))
+      .dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
+}  // namespace
+
+void record_formatter::format(const spdlog::details::log_msg& msg, spdlog::memory_buf_t& dest) {
+  const std::string time = isoUtc(msg.time);
+  const char* const level = kLevelNames[static_cast<int>(msg.level)];
+  std::string line;
+  if (json_) {
+    line = "{\"time\":\"" + time + "\",\"channel\":" + jsonString(msg.logger_name) + ",\"level\":\"" + level +
+           "\",\"text\":" + jsonString(msg.payload) + "}\n";
+  } else {
+    line = "[" + time + "] [" + std::string(msg.logger_name.data(), msg.logger_name.size()) + "] [" + level +
+           "] " + std::string(msg.payload.data(), msg.payload.size()) + "\n";
+  }
+  dest.append(line.data(), line.data() + line.size());
 }
 
 // ---- function_sink

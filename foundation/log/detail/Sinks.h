@@ -1,18 +1,22 @@
 // The sinks behind the destinations that spdlog does not offer as they are: a file that can be
 // opened again by name ("file:", "rotating:"), a bounded queue that a background thread drains
-// into another destination ("async:"), and a function that a test supplies ("test:NAME").
+// into another destination ("async:"), and a function that a test supplies ("test:NAME"); and
+// the formatter that writes the process log's records as text or JSON lines ("json:").
 //
 // Internal to connector_common_services (not installed). Every sink here is safe from any
 // thread, like spdlog's "_mt" sinks, so that one destination may be written by several threads
 // (the process log's router, a provider's own logger, the queue's background thread).
 #pragma once
 
+#include <condition_variable>
 #include <cstddef>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <string_view>
+#include <thread>
 
 #include <spdlog/async_logger.h>
 #include <spdlog/details/thread_pool.h>
@@ -56,12 +60,18 @@ class reopenable_file_sink final : public spdlog::sinks::sink {
 // (an spdlog thread pool) drains into `target`. Writing never waits for the target: when the
 // queue is full, the oldest queued record is dropped and counted, and once the queue has room
 // again (the overflow is over) it writes one warn record saying how many were dropped
-// since the last such record. Records of the audit channel bypass the queue and are written to the target on
-// the caller's thread, so an overflow never drops them (they may then precede records still queued). The
-// thread flushes the target whenever it has emptied the queue.
+// since the last such record. The thread flushes the target whenever it has emptied the queue.
+//
+// Records of the audit channel travel in a lane of their own, of `audit_capacity` records, that
+// a second thread writes and flushes, so that other channels cannot overrun it and no writer
+// waits for the target (they may precede records still queued). A command's record reserves its
+// place on arrival (reserve_audit()), so that a full lane refuses the command rather than lose
+// its record; an audit record written without a reservation (through a channel) that finds the
+// lane full is dropped and counted with the queue's drops.
 class async_sink final : public spdlog::sinks::sink {
  public:
   static constexpr std::size_t queue_capacity = 8192;
+  static constexpr std::size_t audit_capacity = 256;
 
   // Starts the background thread. `target` must be safe from any thread.
   explicit async_sink(std::shared_ptr<spdlog::sinks::sink> target);
@@ -81,7 +91,14 @@ class async_sink final : public spdlog::sinks::sink {
   void drain();
 
   std::size_t dropped();  // records dropped so far
-  std::size_t queued();   // records waiting now
+  std::size_t queued();   // records waiting now, in the queue and in the audit lane
+
+  // Reserves a place in the audit lane; false when the lane is full. Always true once drained.
+  bool reserve_audit();
+  // Writes an audit record into the place reserved for it (to the target once drained).
+  void write_audit(const spdlog::details::log_msg& msg);
+  // Gives back a place reserved and not written.
+  void release_audit();
 
   const std::shared_ptr<spdlog::sinks::sink>& target() const { return target_; }
 
@@ -94,6 +111,36 @@ class async_sink final : public spdlog::sinks::sink {
   std::shared_ptr<backend> backend_;                    // written to by the pool's thread only
   std::shared_ptr<spdlog::async_logger> worker_;        // hands the queued records to backend_
   std::size_t droppedWhenDrained_ = 0;                  // guarded by mutex_
+
+  void writeAuditLane();  // the audit lane's thread
+
+  // Lock order: mutex_, then auditMutex_. Neither is held while the target is written.
+  std::mutex auditMutex_;
+  std::condition_variable auditReady_;                     // waited on by auditWriter_
+  std::deque<spdlog::details::log_msg_buffer> auditLane_;  // guarded by auditMutex_
+  std::size_t auditReserved_ = 0;  // guarded by auditMutex_; places reserved, queued or not
+  std::size_t auditDropped_ = 0;   // guarded by auditMutex_
+  bool auditDrained_ = false;      // guarded by auditMutex_; set by drain(), then records go direct
+  std::thread auditWriter_;        // joined by drain()
+};
+
+// How the process log writes a record, as one line: by default
+//   [2026-11-24T11:24:42.204Z] [CHANNEL] [LEVEL] TEXT
+// with the time in UTC (ISO 8601, milliseconds, "Z") and the level spelled as specifications
+// spell it (trace, debug, info, warn, error, critical); as JSON,
+//   {"time":"2026-11-24T11:24:42.204Z","channel":"CHANNEL","level":"LEVEL","text":"TEXT"}
+// where every string is valid UTF-8 and escaped, whatever bytes the record holds (a byte that is
+// not UTF-8 becomes U+FFFD). Safe from any thread.
+class record_formatter final : public spdlog::formatter {
+ public:
+  explicit record_formatter(bool json) : json_(json) {}
+  void format(const spdlog::details::log_msg& msg, spdlog::memory_buf_t& dest) override;
+  std::unique_ptr<spdlog::formatter> clone() const override {
+    return std::make_unique<record_formatter>(json_);
+  }
+
+ private:
+  const bool json_;
 };
 
 // "test:NAME": hands each record, formatted, to a function of a test.
