@@ -94,14 +94,24 @@ void clearStaleSocket(const std::string& path) {
 // left running past the grace period (detached) never touches freed memory.
 class CommandPool {
  public:
+  // Throws std::runtime_error when the threads cannot all be made (a thread limit, little memory);
+  // the threads made so far are ended first, so the failure never takes the process down.
   explicit CommandPool(std::size_t threads) : state_(std::make_shared<State>()) {
-    for (std::size_t i = 0; i < threads; ++i) {
-      threads_.emplace_back([state = state_] { work(*state); });
+    try {
+      for (std::size_t i = 0; i < threads; ++i) {
+        threads_.emplace_back([state = state_] { work(*state); });
+      }
+    } catch (const std::exception& error) {
+      const std::size_t made = threads_.size();
+      shutdown(std::chrono::steady_clock::now() + std::chrono::hours(1));
+      throw std::runtime_error("the administration server could make only " + std::to_string(made) +
+                               " of its " + std::to_string(threads) + " command threads (" + error.what() +
+                               "); lower maxConnections or raise the process's thread limit");
     }
   }
 
   // Idle threads end at once; a job still running is waited for.
-  ~CommandPool() { shutdown(std::chrono::hours(24 * 365)); }
+  ~CommandPool() { shutdown(std::chrono::steady_clock::now() + std::chrono::hours(24 * 365)); }
 
   void submit(std::function<void()> job) {
     {
@@ -111,9 +121,9 @@ class CommandPool {
     state_->wake.notify_one();
   }
 
-  // Lets the queued and running jobs finish for up to `grace`, joins the threads that ended and
+  // Lets the queued and running jobs finish until `deadline`, joins the threads that ended and
   // detaches the others.
-  void shutdown(std::chrono::milliseconds grace) {
+  void shutdown(std::chrono::steady_clock::time_point deadline) {
     if (threads_.empty()) {
       return;
     }
@@ -121,7 +131,7 @@ class CommandPool {
     state_->stopping = true;
     state_->wake.notify_all();
     const bool allEnded =
-        state_->ended.wait_for(lock, grace, [this] { return state_->endedThreads == threads_.size(); });
+        state_->ended.wait_until(lock, deadline, [this] { return state_->endedThreads == threads_.size(); });
     lock.unlock();
     for (std::thread& thread : threads_) {
       if (allEnded) {
@@ -153,7 +163,7 @@ class CommandPool {
       std::function<void()> job = std::move(state.jobs.front());
       state.jobs.pop_front();
       lock.unlock();
-      job();
+      job();          // never throws: run() catches whatever the command's execution throws
       job = nullptr;  // whatever the job holds goes before the lock is taken again
       lock.lock();
     }
@@ -212,12 +222,15 @@ struct ServerState {
   asio::steady_timer retryTimer{context};  // paces accept() after a failure such as EMFILE
   asio::steady_timer graceTimer{context};  // bounds the shutdown's wait for running commands
   std::shared_ptr<ReturnPath> returnPath = std::make_shared<ReturnPath>();
-  CommandPool pool{options.maxConnections};
+  std::unique_ptr<CommandPool> pool;  // made once the options are known to be sound
 
   // The I/O thread runs until every socket and timer is done with, which after beginShutdown()
   // is when the last connection has closed.
   std::thread ioThread;
   bool stopped = false;  // touched by the owner's thread only
+  // The one deadline of the whole stop: closing the connections and waiting for the command
+  // threads. Set by the owner before it posts beginShutdown().
+  std::chrono::steady_clock::time_point stopDeadline;
 };
 
 struct AdminServer::Impl : ServerState {
@@ -296,7 +309,6 @@ class Session : public std::enable_shared_from_this<Session> {
             }
             return;
           }
-          self->lastActivity_ = std::chrono::steady_clock::now();
           self->reader_.append(std::string_view(self->buffer_.data(), n));
           self->pump();
         });
@@ -322,6 +334,9 @@ class Session : public std::enable_shared_from_this<Session> {
         read();
         return;
       }
+      // Only a complete request counts as activity: bytes that never make a line (one a minute,
+      // say) do not keep a connection's slot.
+      lastActivity_ = std::chrono::steady_clock::now();
       const std::string invalid = admin::invalidTextReason(*line);
       if (!invalid.empty()) {
         send({Status::error, invalid});
@@ -350,9 +365,17 @@ class Session : public std::enable_shared_from_this<Session> {
       arguments.push_back(std::move(words[i].text));
     }
     std::weak_ptr<Session> weak = shared_from_this();
-    server_.pool.submit([registry = server_.registry, path = server_.returnPath, weak, caller = caller_,
-                         name = std::move(name), arguments = std::move(arguments)]() mutable {
-      CommandRegistry::Result result = registry->execute(name, std::move(arguments), caller);
+    server_.pool->submit([registry = server_.registry, path = server_.returnPath, weak, caller = caller_,
+                          name = std::move(name), arguments = std::move(arguments)]() mutable {
+      CommandRegistry::Result result{false, {}};
+      try {
+        result = registry->execute(name, std::move(arguments), caller);
+      } catch (const std::exception& error) {
+        // Out of memory, most likely: the request fails alone and the server goes on.
+        result = {false, name + " could not run: " + error.what()};
+      } catch (...) {
+        result = {false, name + " could not run: an unknown exception"};
+      }
       path->post([weak, result = std::move(result)]() mutable {
         if (std::shared_ptr<Session> self = weak.lock()) {
           self->answered(std::move(result));
@@ -415,7 +438,8 @@ class Session : public std::enable_shared_from_this<Session> {
                       });
   }
 
-  // Closes the connection when nothing has arrived or been answered for idleTimeout, unless a
+  // Closes the connection when no complete request has arrived nor an answer been written for
+  // idleTimeout, partial line or not, unless a
   // command is running: a slow command is not an idle client.
   void watchIdle(std::chrono::steady_clock::duration wait) {
     idleTimer_.expires_after(wait);
@@ -471,6 +495,7 @@ ServerState::ServerState(std::shared_ptr<CommandRegistry> registryIn, const std:
     throw std::runtime_error("the socket path \"" + path + "\" is " + std::to_string(path.size()) +
                              " bytes long; a Unix socket path needs 1 to " + std::to_string(kMaxSocketPath));
   }
+  pool = std::make_unique<CommandPool>(options.maxConnections);
   clearStaleSocket(path);
   boost::system::error_code error;
   acceptor.open(Local(), error);
@@ -556,7 +581,7 @@ void ServerState::beginShutdown() {
     return;
   }
   // Past the grace period, connections still waiting for a command or a slow reader are closed.
-  graceTimer.expires_after(options.shutdownGrace);
+  graceTimer.expires_at(stopDeadline);
   graceTimer.async_wait([this](const boost::system::error_code& error) {
     if (error) {
       return;
@@ -588,10 +613,12 @@ void AdminServer::stop() {
     return;
   }
   impl_->stopped = true;
+  const auto deadline = std::chrono::steady_clock::now() + impl_->options.shutdownGrace;
+  impl_->stopDeadline = deadline;
   asio::post(impl_->context, [impl = impl_.get()] { impl->beginShutdown(); });
   impl_->ioThread.join();
   impl_->returnPath->close();
-  impl_->pool.shutdown(impl_->options.shutdownGrace);
+  impl_->pool->shutdown(deadline);
   serverLog().info("stopped serving on " + impl_->path);
 }
 

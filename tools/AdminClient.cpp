@@ -15,6 +15,7 @@
 #include <boost/asio/read.hpp>
 #include <boost/asio/write.hpp>
 
+#include "foundation/log/Log.h"
 #include "host/AdminServer.h"
 
 namespace connector {
@@ -28,6 +29,32 @@ namespace {
 
 const char* const kPrompt = "connector> ";
 const char* const kProgram = "connector-shell: ";
+const char* const kServerChannel = "connector.admin";
+
+// The signals the server waits for: SIGHUP reopens its files, SIGINT and SIGTERM stop it.
+sigset_t serverSignals() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  for (int signal : {SIGHUP, SIGINT, SIGTERM}) {
+    sigaddset(&signals, signal);
+  }
+  return signals;
+}
+
+// SIGHUP, as after logrotate's rename: every file the process writes is opened again by name,
+// and the outcome is recorded on the process log (in the new file when it worked).
+void reopenFiles() {
+  static const foundation::log::channel channel(kServerChannel);
+  try {
+    foundation::log::reopen();
+    channel.info("SIGHUP: reopened the log files");
+  } catch (const std::invalid_argument&) {
+    channel.info("SIGHUP: the process log writes to no file; nothing to reopen");
+  } catch (const std::exception& error) {
+    channel.warn(std::string("SIGHUP: reopening the log files failed; the old ones stay in use: ") +
+                 error.what());
+  }
+}
 
 // Readline's completion callbacks are plain functions; they read the names fetched at start.
 std::vector<std::string> remoteNames;
@@ -217,11 +244,16 @@ int runClient(const ClientOptions& options) {
   }
 }
 
+void blockServerSignals() {
+  // Ignored rather than fatal: a stray kill -USR1 must not take the service down.
+  ::signal(SIGUSR1, SIG_IGN);
+  ::signal(SIGUSR2, SIG_IGN);
+  sigset_t waited = serverSignals();
+  pthread_sigmask(SIG_BLOCK, &waited, nullptr);
+}
+
 int serve(std::shared_ptr<host::CommandRegistry> registry, const std::string& socketPath) {
-  sigset_t stopping;
-  sigemptyset(&stopping);
-  sigaddset(&stopping, SIGINT);
-  sigaddset(&stopping, SIGTERM);
+  const sigset_t waited = serverSignals();
   std::unique_ptr<host::AdminServer> server;
   try {
     server = std::make_unique<host::AdminServer>(std::move(registry), socketPath);
@@ -231,7 +263,9 @@ int serve(std::shared_ptr<host::CommandRegistry> registry, const std::string& so
   }
   std::cout << "serving on " << socketPath << std::endl;
   int signal = 0;
-  sigwait(&stopping, &signal);
+  while (sigwait(&waited, &signal) == 0 && signal == SIGHUP) {
+    reopenFiles();
+  }
   server->stop();
   std::cout << "stopped (" << (signal == SIGINT ? "SIGINT" : "SIGTERM") << ")" << std::endl;
   return 0;

@@ -247,13 +247,7 @@ int main(int argc, char** argv) {
   }
 
   if (!serveSocket.empty()) {
-    // Blocked before any thread starts, so that every thread inherits the mask and only the
-    // server's sigwait() receives them.
-    sigset_t stopping;
-    sigemptyset(&stopping);
-    sigaddset(&stopping, SIGINT);
-    sigaddset(&stopping, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &stopping, nullptr);
+    connector::shell::blockServerSignals();
     connector::shell::Shell shell(std::cout, std::cerr);
     return connector::shell::serve(shell.registry(), serveSocket);
   }

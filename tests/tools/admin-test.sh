@@ -1,7 +1,7 @@
 #!/bin/sh
 # Two processes: connector-shell --serve in the background, and connector-shell --connect running
 # commands on it with -c and --script. Checks the answers, the exit statuses (0 all succeeded, 1
-# one failed, 2 no server) and that SIGTERM stops the server cleanly and removes its socket.
+# one failed, 2 no server), that SIGHUP reopens the log and SIGUSR1/2 are ignored, and that SIGTERM stops the server cleanly and removes its socket.
 # Usage: admin-test.sh SHELL
 set -u
 shell=$1
@@ -60,6 +60,17 @@ grep -q '^connector.log.getChannels ' "$work/out" || fail "help does not list th
 
 check "no server" 2 "" "connector-shell: cannot reach the server at $work/none: No such file or directory" \
   -- --connect "$work/none" -c help
+
+# SIGHUP reopens the process log's file after a rename, and is recorded there; SIGUSR1 and
+# SIGUSR2 are ignored. The server goes on serving after all three.
+"$shell" --connect "$work/s" -c "connector.log.setDestination file:$work/process.log" >/dev/null
+mv "$work/process.log" "$work/process.log.1"
+kill -HUP "$server"
+kill -USR1 "$server"
+kill -USR2 "$server"
+for _ in $(seq 100); do grep -q "SIGHUP: reopened the log files" "$work/process.log" 2>/dev/null && break; sleep 0.1; done
+grep -q "SIGHUP: reopened the log files" "$work/process.log" 2>/dev/null || fail "no record of SIGHUP in a new file"
+check "after SIGHUP, SIGUSR1, SIGUSR2" 0 "file:$work/process.log" "" -- --connect "$work/s" -c connector.log.getDestination
 
 kill -TERM "$server"
 wait "$server"
