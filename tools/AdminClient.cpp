@@ -104,6 +104,11 @@ bool runLine(AdminClient& client, const std::string& line, bool& quit) {
   for (host::admin::Word& word : words) {
     texts.push_back(std::move(word.text));
   }
+  // The shell's `config SUB ...` is the server's connector.config.SUB.
+  if (texts.size() > 1 && texts[0] == "config") {
+    texts.erase(texts.begin());
+    texts[0] = "connector.config." + texts[0];
+  }
   Response response{Status::error, ""};
   try {
     response = client.call(texts);

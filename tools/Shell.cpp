@@ -43,12 +43,12 @@ const char* const kMetricsName = "metrics";
 const char* const kFlakyName = "flaky";
 const char* const kApiAddress = "api";
 const char* const kFlakyAddress = "flaky";
-const char* const kOperatorLabel = "operator";
 const char* const kLogChannel = "connector.shell";
 const char* const kMessageTypes = "ping, greeting, order";
 
-const char* const kUsage = R"(Usage: connector-shell [--script FILE] [--log-dir DIR] [--help]
-       connector-shell --serve SOCKET [--log-dir DIR]
+const char* const kUsage =
+    R"(Usage: connector-shell [--script FILE] [--config FILE] [--log-dir DIR] [--help] [--version]
+       connector-shell --serve SOCKET [--config FILE] [--log-dir DIR]
        connector-shell --connect SOCKET [-c 'COMMAND ARGS']... [--script FILE]
 
 An interactive host for the connector common services. It runs an EchoServiceProvider named
@@ -63,12 +63,17 @@ Options:
                   standard input; stops at the end of the file or at "quit"
   --log-dir DIR   the directory that "file:" destinations of the process log must lie in; a
                   relative "file:PATH" is taken relative to it (default: the current directory)
+  --config FILE   before anything else, run FILE's "config set KEY VALUE [LABEL]" lines ("#"
+                  starts a comment); a bad line stops the start naming the line (exit status 2)
   --help          print this text and exit
+  --version       print the version and exit
   --serve SOCKET  run the host without a prompt and serve its administration commands on the
                   Unix socket SOCKET (mode 0600; only this user and root are served) until
-                  SIGINT or SIGTERM
+                  SIGINT or SIGTERM; SIGHUP reopens the log files, SIGUSR1 and SIGUSR2 are
+                  ignored; no --script
   --connect SOCKET  run administration commands on the server at SOCKET: those of -c and
-                  --script, else those typed at the prompt ("help" lists the server's)
+                  --script, else those typed at the prompt ("help" lists the server's);
+                  "config get|set|list ..." runs the server's connector.config.get|set|list
   -c 'COMMAND ARGS'  with --connect, one command to run (repeatable); prints exactly the
                   answers' texts; exit status 1 if one failed, 2 if the server was not reached
 
@@ -126,32 +131,6 @@ const char* const kShellCommandsTitle = "Shell commands:\n";
 const char* const kAdministrationTitle =
     "Administration commands (NAME [ARGUMENT...]; \"help NAME\" describes one):\n";
 const char* const kConfigForms = "set KEY VALUE [LABEL], get KEY or list";
-
-// The typed value of a `config set` word: quoted words are strings; true and false are bools;
-// whole numbers are ints (and must fit one); anything else is a string.
-configuration::ConfigValue parseValue(const std::string& text, bool quoted) {
-  if (quoted) {
-    return text;
-  }
-  if (text == "true" || text == "false") {
-    return text == "true";
-  }
-  std::size_t digits = (!text.empty() && (text[0] == '-' || text[0] == '+')) ? 1 : 0;
-  const bool number =
-      text.size() > digits && text.find_first_not_of("0123456789", digits) == std::string::npos;
-  if (!number) {
-    return text;
-  }
-  errno = 0;
-  const long long parsed = std::strtoll(text.c_str(), nullptr, 10);
-  if (errno == ERANGE || parsed < std::numeric_limits<int>::min() ||
-      parsed > std::numeric_limits<int>::max()) {
-    throw std::out_of_range(
-        "value " + text + " does not fit an int (" + std::to_string(std::numeric_limits<int>::min()) +
-        " to " + std::to_string(std::numeric_limits<int>::max()) + "); quote it to set it as a string");
-  }
-  return static_cast<int>(parsed);
-}
 
 std::unique_ptr<Message> makeMessage(const std::string& type, const std::string* text) {
   if (type == "ping") {
@@ -260,6 +239,7 @@ Shell::Shell(std::ostream& out, std::ostream& err)
   connectorCommands_ = std::make_unique<common_services::ConnectorCommandProvider>(connector_, registry_);
   logCommands_ = std::make_unique<common_services::LoggingCommandProvider>(registry_);
   logOperations_ = std::make_unique<common_services::LogOperationsCommandProvider>(registry_);
+  configCommands_ = std::make_unique<host::ConfigurationCommands>(registry_, configuration_);
 }
 
 Shell::~Shell() = default;
@@ -337,7 +317,7 @@ bool Shell::config(const std::vector<Word>& words) {
       return fail("config list takes nothing more, but was given " + plural(given, "word"));
     }
     for (const auto& entry : configuration_->list()) {
-      out_ << describeEntry(entry) << '\n';
+      out_ << host::describeEntry(entry) << '\n';
     }
     out_.flush();
     return true;
@@ -351,7 +331,7 @@ bool Shell::config(const std::vector<Word>& words) {
       return fail("configuration key " + host::quoted(words[2].text, host::kEchoLimit) +
                   " has no value; \"config list\" shows the keys");
     }
-    out_ << describeEntry(*entry) << std::endl;
+    out_ << host::describeEntry(*entry) << std::endl;
     return true;
   }
   if (sub != "set") {
@@ -362,11 +342,11 @@ bool Shell::config(const std::vector<Word>& words) {
                 "; quote a VALUE that has blanks");
   }
   const std::string& key = words[2].text;
-  const std::string label = given == 3 ? words[4].text : kOperatorLabel;
+  const std::string label = given == 3 ? words[4].text : host::kOperatorLabel;
   bool inForce = false;
   configuration::ConfigValue value;
   try {
-    value = parseValue(words[3].text, words[3].quoted);
+    value = host::parseValue(key, words[3].text, words[3].quoted, nullptr);
     {
       std::lock_guard<std::mutex> lock(deliveryErrorsMutex_);
       deliveryErrors_.clear();
@@ -389,7 +369,7 @@ bool Shell::config(const std::vector<Word>& words) {
     out_ << key << ": the value is stored under " << host::quoted(label)
          << " but another label's value stays in force\n";
   }
-  out_ << describeEntry(*configuration_->get(key)) << std::endl;
+  out_ << host::describeEntry(*configuration_->get(key)) << std::endl;
   return true;
 }
 
@@ -431,11 +411,6 @@ bool Shell::fail(const std::string& text) {
   out_.flush();
   err_ << "error: " << host::printable(text) << std::endl;
   return false;
-}
-
-std::string Shell::describeEntry(const host::ConfigurationStore::Entry& entry) const {
-  return host::printable(entry.key) + " = " + host::describeValue(entry.value) + " (" +
-         host::describeType(entry.value) + ", label " + host::quoted(entry.label) + ")";
 }
 
 std::vector<std::string> Shell::commandNames() const {

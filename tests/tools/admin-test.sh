@@ -29,9 +29,18 @@ check() {
   [ "$(cat "$work/err")" = "$err" ] || fail "$name: printed on stderr [$(cat "$work/err")], expected [$err]"
 }
 
+# A bad line of --config stops the start, naming the file and the line.
+printf '# refused by the access log\nconfig set access.sampleEvery 0\n' >"$work/bad.conf"
+"$shell" --serve "$work/s" --config "$work/bad.conf" >/dev/null 2>"$work/err"
+[ $? = 2 ] || fail "a bad configuration did not stop the start with exit status 2"
+[ "$(tail -n 1 "$work/err")" = "connector-shell: $work/bad.conf:2: command \"connector.config.set\" failed: \
+access.sampleEvery = 0 was refused by a subscriber and not kept: access.sampleEvery refused 0 (int): it takes an \
+int of at least 1; the setting stays 1" ] || fail "a bad configuration: $(cat "$work/err")"
+
 # The server says when it listens; the test reads that line from a FIFO before connecting.
 mkfifo "$work/ready"
-"$shell" --serve "$work/s" --log-dir "$work" >"$work/ready" 2>"$work/server.log" &
+printf '# the access log\nconfig set access.sampleEvery 3 ops\n' >"$work/conf"
+"$shell" --serve "$work/s" --log-dir "$work" --config "$work/conf" >"$work/ready" 2>"$work/server.log" &
 server=$!
 exec 3<"$work/ready"
 read -r line <&3
@@ -54,6 +63,13 @@ printf '# a comment, then a command that fails and one that works\nconnector.log
 check "a script with a failure" 1 "stderr" \
   'error: command "connector.log.getDestination" takes no arguments, but was given 1' \
   -- --connect "$work/s" --script "$work/script"
+
+# The configuration is served as the shell's config; a refused value leaves the store as it was.
+check "configuration over the socket" 1 'access.sampleEvery = 3 (int, label "ops")
+access.format = "json" (string, label "operator")
+access.sampleEvery = 3 (int, label "ops")' 'error: command "connector.config.set" failed: access.sampleEvery = 0 was refused by a subscriber and not kept: access.sampleEvery refused 0 (int): it takes an int of at least 1; the setting stays 3' \
+  -- --connect "$work/s" -c 'config get access.sampleEvery' -c 'config set access.format json' \
+  -c 'config set access.sampleEvery 0' -c 'config list access.sampleEvery'
 
 "$shell" --connect "$work/s" -c help >"$work/out" 2>&1
 grep -q '^connector.log.getChannels ' "$work/out" || fail "help does not list the server's commands: $(cat "$work/out")"
