@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <condition_variable>
 #include <cstring>
@@ -197,6 +198,50 @@ struct ReturnPath {
 
 class Session;
 
+// The limits that refuse something, as counted in AdminServer::RefusalCounts.
+enum class Refusal { lineTooLong, notText, tooManyConnections, foreignPeer };
+constexpr std::size_t kRefusalKinds = 4;
+constexpr auto kRefusalLogInterval = std::chrono::seconds(10);
+
+// Counts refusals by reason and logs them, at most one record per reason per interval.
+class RefusalLog {
+ public:
+  // From the I/O thread only. `what` describes the refusal; `logged` is false for a reason that
+  // is recorded elsewhere.
+  void record(Refusal reason, const std::string& what, bool logged = true) {
+    const auto index = static_cast<std::size_t>(reason);
+    counts_[index].fetch_add(1, std::memory_order_relaxed);
+    Pace& pace = paces_[index];
+    const auto now = std::chrono::steady_clock::now();
+    if (!logged || (pace.logged && now - pace.last < kRefusalLogInterval)) {
+      ++pace.suppressed;
+      return;
+    }
+    const std::string more = pace.suppressed == 0 ? std::string()
+                                                  : " (" + std::to_string(pace.suppressed) +
+                                                        " more like it since the last such record)";
+    serverLog().warn("refused " + what + more);
+    pace = Pace{now, 0, true};
+  }
+
+  AdminServer::RefusalCounts snapshot() const {
+    const auto count = [this](Refusal reason) {
+      return counts_[static_cast<std::size_t>(reason)].load(std::memory_order_relaxed);
+    };
+    return {count(Refusal::lineTooLong), count(Refusal::notText), count(Refusal::tooManyConnections),
+            count(Refusal::foreignPeer)};
+  }
+
+ private:
+  struct Pace {
+    std::chrono::steady_clock::time_point last;
+    std::uint64_t suppressed = 0;
+    bool logged = false;
+  };
+  std::array<std::atomic<std::uint64_t>, kRefusalKinds> counts_{};  // read from any thread
+  std::array<Pace, kRefusalKinds> paces_{};                         // the I/O thread's
+};
+
 // The server's state; everything but the owner's `stopped` flag is used from the I/O thread.
 struct ServerState {
   using Options = AdminServer::Options;
@@ -215,6 +260,7 @@ struct ServerState {
   // runs until no handler is pending, so no session outlives the I/O thread.
   std::unordered_set<Session*> sessions;
   std::size_t counted = 0;  // sessions that take one of maxConnections
+  RefusalLog refusals;
   bool shuttingDown = false;
 
   asio::io_context context;
@@ -322,6 +368,8 @@ class Session : public std::enable_shared_from_this<Session> {
       try {
         line = reader_.next();
       } catch (const std::length_error& tooLong) {
+        server_.refusals.record(Refusal::lineTooLong,
+                                "a request line from " + caller_ + ": " + tooLong.what());
         closeWith(tooLong.what());
         return;
       }
@@ -339,6 +387,7 @@ class Session : public std::enable_shared_from_this<Session> {
       lastActivity_ = std::chrono::steady_clock::now();
       const std::string invalid = admin::invalidTextReason(*line);
       if (!invalid.empty()) {
+        server_.refusals.record(Refusal::notText, "a request from " + caller_ + ": " + invalid);
         send({Status::error, invalid});
         continue;
       }
@@ -544,15 +593,19 @@ void ServerState::accept() {
     bool counts = false;
     if (::getsockopt(socket.native_handle(), SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) {
       refusal = "the server cannot read this connection's credentials: " + errnoText(errno);
+      refusals.record(Refusal::foreignPeer, refusal, false);
       auditLog().warn("refused a connection on " + path + ": no peer credentials (" + errnoText(errno) + ")");
     } else if (peer.uid != uid && peer.uid != 0) {
       refusal = "uid " + std::to_string(peer.uid) + " may not use this endpoint; only uid " +
                 std::to_string(uid) + " and root may";
+      refusals.record(Refusal::foreignPeer, refusal, false);
       auditLog().warn("refused uid=" + std::to_string(peer.uid) + " pid=" + std::to_string(peer.pid) +
                       " on " + path + ": not the server's uid " + std::to_string(uid) + " nor root");
     } else if (counted >= options.maxConnections) {
       refusal = "too many connections: the server takes " + std::to_string(options.maxConnections) +
                 " at once; try again when one has closed";
+      refusals.record(Refusal::tooManyConnections, "a connection from uid=" + std::to_string(peer.uid) +
+                                                       " pid=" + std::to_string(peer.pid) + ": " + refusal);
     } else {
       counts = true;
       ++counted;
@@ -624,6 +677,10 @@ void AdminServer::stop() {
 
 const std::string& AdminServer::socketPath() const {
   return impl_->path;
+}
+
+AdminServer::RefusalCounts AdminServer::refusals() const {
+  return impl_->refusals.snapshot();
 }
 
 }  // namespace host

@@ -25,6 +25,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -35,6 +36,17 @@ namespace host {
 
 class AdminServer {
  public:
+  // How many times each limit has refused something since the server started. Each refusal is
+  // also logged on "connector.admin" at warn, at most once per reason in 10 s; a record says how
+  // many of its reason went unlogged since the one before. (A peer of another uid is audited on
+  // "connector.audit" each time instead.)
+  struct RefusalCounts {
+    std::uint64_t lineTooLong = 0;         // a request line over kMaxRequestLine bytes
+    std::uint64_t notText = 0;             // a request holding NUL or bytes that are not UTF-8
+    std::uint64_t tooManyConnections = 0;  // a connection beyond maxConnections
+    std::uint64_t foreignPeer = 0;         // a peer of another uid, or without credentials
+  };
+
   struct Options {
     std::size_t maxConnections = 32;
     std::chrono::milliseconds idleTimeout = std::chrono::minutes(5);
@@ -58,6 +70,9 @@ class AdminServer {
   void stop();
 
   const std::string& socketPath() const;
+
+  // The counts at one moment; safe from any thread, for a metrics exporter.
+  RefusalCounts refusals() const;
 
  private:
   struct Impl;

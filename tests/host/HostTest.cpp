@@ -48,6 +48,7 @@ using test_support::AdminPeer;
 using test_support::CountedMessage;
 using ::testing::AnyOf;
 using ::testing::HasSubstr;
+using ::testing::Not;
 using Arguments = std::vector<std::string>;
 using Journal = std::vector<std::string>;  // written by one thread at a time
 
@@ -362,6 +363,7 @@ struct Fixture {
 // A line of exactly the limit is a request; one byte more is answered and the connection closed.
 TEST(AdminServer, AnswersPipelinedRequestsInOrderAndExactlyUpToTheLineLimit) {
   Fixture f;
+  foundation::log::set_destination("file:" + (f.directory / "admin.log"));
   AdminServer server(f.registry, f.path);
   AdminPeer peer(f.path);
   const std::string longest = "test.text " + std::string(host::admin::kMaxRequestLine - 10, 'x');
@@ -383,6 +385,13 @@ TEST(AdminServer, AnswersPipelinedRequestsInOrderAndExactlyUpToTheLineLimit) {
                                      "that much before each line feed"}));
   EXPECT_EQ(greedy.next(), std::nullopt);
   EXPECT_THROW(host::admin::formatRequest({"cmd", "line\nfeed"}), std::invalid_argument);
+  // Each refusal is counted by its reason; the second of a reason within 10 s is not logged.
+  EXPECT_EQ(server.refusals().notText, 2u);
+  EXPECT_EQ(server.refusals().lineTooLong, 1u);
+  foundation::log::set_destination("null");
+  const std::string log = test_support::TempDirectory::read(f.directory / "admin.log");
+  EXPECT_THAT(log, HasSubstr("[warning] refused a request from uid="));
+  EXPECT_THAT(log, Not(HasSubstr("0xc0")));
 }
 
 // The connection beyond the 32 served at once is told so and closed.
@@ -399,6 +408,7 @@ TEST(AdminServer, ConnectionBeyondTheLimitIsToldAndClosed) {
                                     "too many connections: the server takes 32 at once; try "
                                     "again when one has closed"}));
   EXPECT_EQ(extra.next(), std::nullopt);
+  EXPECT_EQ(server.refusals().tooManyConnections, 1u);
 }
 
 // A connection runs its requests one at a time: a command that has not returned holds up the
