@@ -153,13 +153,23 @@ int interactive(AdminClient& first, const std::string& socketPath) {
     }
     const std::string text(line);
     std::free(line);
-    try {
-      runLine(*client, text, quit);
-    } catch (const Unreachable& error) {
-      // An idle connection is closed by the server; a person at the prompt just goes on.
-      std::cerr << kProgram << error.what() << "; connecting again" << std::endl;
-      again = std::make_unique<AdminClient>(socketPath);
-      client = again.get();
+    // An idle connection is closed by the server; a person at the prompt just goes on. A command
+    // the server refused unread is sent again, once, on the new connection; one that may have run
+    // is not, so that nothing runs twice.
+    for (int attempt = 0; attempt < 2; ++attempt) {
+      try {
+        runLine(*client, text, quit);
+        break;
+      } catch (const Unreachable& error) {
+        const bool resend = error.notRun && attempt == 0;
+        std::cerr << kProgram << error.what()
+                  << (resend ? "; connecting again to send it again" : "; connecting again") << std::endl;
+        again = std::make_unique<AdminClient>(socketPath);
+        client = again.get();
+        if (!resend) {
+          break;
+        }
+      }
     }
   }
   return 0;
@@ -214,7 +224,9 @@ Response AdminClient::call(const std::vector<std::string>& words) {
       throw Unreachable(std::string("the server at ") + socketPath_ + " answered garbage: " + garbled.what());
     }
     if (response && response->status == Status::closed) {
-      throw Unreachable("the server at " + socketPath_ + " closed the connection: " + response->text);
+      throw Unreachable("the server at " + socketPath_ + " closed the connection: " + response->text +
+                            "; the command did not run",
+                        true);
     }
     if (response) {
       return *response;
@@ -222,7 +234,8 @@ Response AdminClient::call(const std::vector<std::string>& words) {
     const std::size_t n = socket_.read_some(asio::buffer(buffer), error);
     if (error) {
       throw Unreachable("the connection to the server at " + socketPath_ + " was lost: " +
-                        (error == asio::error::eof ? "the server closed it" : error.message()));
+                        (error == asio::error::eof ? "the server closed it" : error.message()) +
+                        "; the command may have run (its answer is lost)");
     }
     reader_.append(std::string_view(buffer.data(), n));
   }

@@ -19,10 +19,14 @@
 namespace connector {
 namespace shell {
 
-// The server could not be reached, or it closed the connection; what() says why.
+// The server could not be reached, or it closed the connection; what() says why and, for a
+// command, whether it ran. notRun: the server refused the command unread (it answered "closed",
+// e.g. after the idle time), so sending it again on a new connection runs it once.
 class Unreachable : public std::runtime_error {
  public:
-  using std::runtime_error::runtime_error;
+  explicit Unreachable(const std::string& text, bool notRun = false)
+      : std::runtime_error(text), notRun(notRun) {}
+  bool notRun;
 };
 
 class AdminClient {

@@ -74,6 +74,10 @@ access.sampleEvery = 3 (int, label "ops")' 'error: command "connector.config.set
 "$shell" --connect "$work/s" -c help >"$work/out" 2>&1
 grep -q '^connector.log.getChannels ' "$work/out" || fail "help does not list the server's commands: $(cat "$work/out")"
 
+long=$(head -c 70000 /dev/zero | tr '\0' x)
+check "a refused command" 2 "" "connector-shell: the server at $work/s closed the connection: the request line is longer than 65536 bytes; send at most that much before each line feed; the command did not run" \
+  -- --connect "$work/s" -c "connector.log.getDestination $long"
+
 check "no server" 2 "" "connector-shell: cannot reach the server at $work/none: No such file or directory" \
   -- --connect "$work/none" -c help
 
