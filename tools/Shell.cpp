@@ -63,8 +63,9 @@ Options:
                   standard input; stops at the end of the file or at "quit"
   --log-dir DIR   the directory that "file:" destinations of the process log must lie in; a
                   relative "file:PATH" is taken relative to it (default: the current directory)
-  --config FILE   before anything else, run FILE's "config set KEY VALUE [LABEL]" lines ("#"
-                  starts a comment); a bad line stops the start naming the line (exit status 2)
+  --config FILE   before anything else, run FILE's lines: "config set KEY VALUE [LABEL]" or an
+                  administration command ("#" starts a comment); a bad line stops the start
+                  naming the line (exit status 2)
   --help          print this text and exit
   --version       print the version and exit
   --serve SOCKET  run the host without a prompt and serve its administration commands on the

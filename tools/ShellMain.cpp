@@ -181,9 +181,10 @@ int usageError(const std::string& text) {
   return 2;
 }
 
-// --config FILE: runs its "config set KEY VALUE [LABEL]" lines (blank lines and "#" comments
-// skipped) as connector.config.set, so that they are typed and audited as over the socket.
-// Throws std::runtime_error naming the file, the line and the reason of the first bad line.
+// --config FILE: runs its lines (blank lines and "#" comments skipped) as administration
+// commands, "config SUB ..." as connector.config.SUB, so that they are typed and audited as over
+// the socket. Throws std::runtime_error naming the file, the line and the reason of the first bad
+// line.
 void loadConfiguration(connector::host::CommandRegistry& registry, const std::string& path) {
   std::ifstream file(path);
   std::error_code ignored;
@@ -199,14 +200,13 @@ void loadConfiguration(connector::host::CommandRegistry& registry, const std::st
       if (words.empty() || (!words[0].quoted && words[0].text[0] == '#')) {
         continue;
       }
-      if (words.size() < 2 || words[0].text != "config" || words[1].text != "set") {
-        throw std::invalid_argument("a configuration line reads config set KEY VALUE [LABEL]");
-      }
+      const bool config = words.size() > 1 && words[0].text == "config";
       std::vector<std::string> arguments;
-      for (std::size_t i = 2; i < words.size(); ++i) {
+      for (std::size_t i = config ? 2 : 1; i < words.size(); ++i) {
         arguments.push_back(words[i].text);
       }
-      const auto result = registry.execute("connector.config.set", std::move(arguments), "--config " + path);
+      const std::string name = config ? "connector.config." + words[1].text : words[0].text;
+      const auto result = registry.execute(name, std::move(arguments), "--config " + path);
       reason = result.succeeded ? "" : result.text;
     } catch (const std::invalid_argument& error) {
       reason = error.what();
