@@ -79,8 +79,10 @@ Options:
                   answers' texts; exit status 1 if one failed, 2 if the server was not reached
 
 Commands:
-  send ADDRESS TYPE [TEXT]      send a message to ADDRESS and print the answer; TYPE is ping,
-                                greeting or order (greeting and order carry TEXT)
+  send ADDRESS TYPE [TEXT] [-n COUNT]
+                                send a message to ADDRESS and print the answer; TYPE is ping,
+                                greeting or order (greeting and order carry TEXT); with -n,
+                                COUNT messages at once and a count of their answers
   config set KEY VALUE [LABEL]  set KEY to VALUE under LABEL (default "operator"); the label
                                 "default" is the lowest layer and never hides another label's value
   config get KEY                print KEY's value, its type and the label it was set under
@@ -121,7 +123,7 @@ struct ShellCommand {
 };
 const ShellCommand kShellCommands[] = {
     {"send",
-     "  send ADDRESS TYPE [TEXT]      send a message (TYPE: ping, greeting, order) and print the answer\n"},
+     "  send ADDRESS TYPE [TEXT] [-n COUNT]  send a message (TYPE: ping, greeting, order), COUNT times\n"},
     {"config",
      "  config set KEY VALUE [LABEL]  set a configuration value (LABEL defaults to \"operator\")\n"
      "  config get KEY                print a key's value, type and label\n"
@@ -286,25 +288,56 @@ bool Shell::run(const std::string& line) {
   return succeeded;
 }
 
-bool Shell::send(const std::vector<Word>& words) {
+bool Shell::send(const std::vector<Word>& all) {
+  // A trailing "-n COUNT" sends COUNT messages at once, a burst in one line.
+  std::vector<Word> words = all;
+  unsigned long count = 1;
+  if (words.size() >= 5 && !words[words.size() - 2].quoted && words[words.size() - 2].text == "-n") {
+    const std::string& text = words.back().text;
+    if (text.empty() || text.size() > 7 || text.find_first_not_of("0123456789") != std::string::npos ||
+        (count = std::stoul(text)) == 0) {
+      return fail("send -n takes a COUNT from 1 to 9999999, not " + host::quoted(text, host::kEchoLimit));
+    }
+    words.resize(words.size() - 2);
+  }
   if (words.size() < 3 || words.size() > 4) {
     const std::size_t given = words.size() - 1;
-    return fail("send takes ADDRESS TYPE [TEXT], but was given " + std::to_string(given) +
+    return fail("send takes ADDRESS TYPE [TEXT] [-n COUNT], but was given " + std::to_string(given) +
                 (given == 1 ? " word" : " words") + "; quote a TEXT that has blanks");
   }
-  std::unique_ptr<Message> message;
+  std::vector<Future<std::unique_ptr<Message>>> answers;
   try {
-    message = makeMessage(words[2].text, words.size() == 4 ? &words[3].text : nullptr);
+    for (unsigned long i = 0; i < count; ++i) {
+      answers.push_back(connector_->send(
+          makeMessage(words[2].text, words.size() == 4 ? &words[3].text : nullptr), Address(words[1].text)));
+    }
   } catch (const std::invalid_argument& error) {
     return fail(error.what());
   }
-  try {
-    std::unique_ptr<Message> answer = connector_->send(std::move(message), Address(words[1].text)).get();
-    out_ << "answer: " << host::printable(describeAnswer(answer)) << std::endl;
-    return true;
-  } catch (const std::exception& error) {
-    return fail(error.what());
+  std::string last;
+  std::size_t failed = 0;
+  for (auto& answer : answers) {
+    try {
+      last = "answer: " + describeAnswer(answer.get());
+    } catch (const std::exception& error) {
+      last = error.what();
+      ++failed;
+    }
   }
+  if (count == 1 && failed == 1) {
+    return fail(last);
+  }
+  if (count == 1) {
+    out_ << host::printable(last) << std::endl;
+    return true;
+  }
+  const std::string summary = std::to_string(count) + " sent, " + std::to_string(count - failed) +
+                              " answered, " + std::to_string(failed) + " failed; the last: " + last;
+  if (failed > 0) {
+    return fail(summary);
+  }
+  out_ << host::printable(summary) << std::endl;
+  return true;
 }
 
 bool Shell::config(const std::vector<Word>& words) {
