@@ -1,16 +1,12 @@
 #include "host/AdminServer.h"
 
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <array>
 #include <atomic>
 #include <cerrno>
-#include <condition_variable>
 #include <cstring>
-#include <deque>
 #include <functional>
 #include <mutex>
 #include <stdexcept>
@@ -27,6 +23,8 @@
 
 #include "foundation/log/Log.h"
 #include "host/AdminProtocol.h"
+#include "host/detail/CommandPool.h"
+#include "host/detail/SocketFile.h"
 
 namespace connector {
 namespace host {
@@ -41,7 +39,6 @@ namespace {
 const char* const kAuditChannel = "connector.audit";
 const char* const kServerChannel = "connector.admin";
 const char* const kEmptyRequest = "empty request; send a command name and its arguments, e.g. help";
-constexpr std::size_t kMaxSocketPath = sizeof(sockaddr_un::sun_path) - 1;
 constexpr std::size_t kReadChunk = 16 * 1024;
 
 const foundation::log::channel& auditLog() {
@@ -62,119 +59,6 @@ std::string idleText(std::chrono::milliseconds idle) {
   const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(idle).count();
   return seconds > 0 ? std::to_string(seconds) + " s" : std::to_string(idle.count()) + " ms";
 }
-
-// Refuses a path that is not a socket or that a live process serves; removes a stale socket.
-void clearStaleSocket(const std::string& path) {
-  struct stat status {};
-  if (::lstat(path.c_str(), &status) != 0) {
-    if (errno == ENOENT) {
-      return;
-    }
-    throw std::runtime_error("cannot inspect the socket path " + path + ": " + errnoText(errno));
-  }
-  if (!S_ISSOCK(status.st_mode)) {
-    throw std::runtime_error(path + " exists and is not a socket; remove it or choose another socket path");
-  }
-  boost::system::error_code error;
-  asio::io_context context;
-  Local::socket socket(context);
-  socket.connect(Local::endpoint(path), error);
-  if (!error) {
-    throw std::runtime_error("another process is serving on " + path +
-                             "; stop it or choose another socket path");
-  }
-  if (error != asio::error::connection_refused) {
-    throw std::runtime_error("cannot tell whether a process serves on " + path + ": " + error.message());
-  }
-  if (::unlink(path.c_str()) != 0 && errno != ENOENT) {
-    throw std::runtime_error("cannot remove the stale socket " + path + ": " + errnoText(errno));
-  }
-}
-
-// A fixed set of threads that run commands. Its state is shared with the threads so that one
-// left running past the grace period (detached) never touches freed memory.
-class CommandPool {
- public:
-  // Throws std::runtime_error when the threads cannot all be made (a thread limit, little memory);
-  // the threads made so far are ended first, so the failure never takes the process down.
-  explicit CommandPool(std::size_t threads) : state_(std::make_shared<State>()) {
-    try {
-      for (std::size_t i = 0; i < threads; ++i) {
-        threads_.emplace_back([state = state_] { work(*state); });
-      }
-    } catch (const std::exception& error) {
-      const std::size_t made = threads_.size();
-      shutdown(std::chrono::steady_clock::now() + std::chrono::hours(1));
-      throw std::runtime_error("the administration server could make only " + std::to_string(made) +
-                               " of its " + std::to_string(threads) + " command threads (" + error.what() +
-                               "); lower maxConnections or raise the process's thread limit");
-    }
-  }
-
-  // Idle threads end at once; a job still running is waited for.
-  ~CommandPool() { shutdown(std::chrono::steady_clock::now() + std::chrono::hours(24 * 365)); }
-
-  void submit(std::function<void()> job) {
-    {
-      std::lock_guard<std::mutex> lock(state_->mutex);
-      state_->jobs.push_back(std::move(job));
-    }
-    state_->wake.notify_one();
-  }
-
-  // Lets the queued and running jobs finish until `deadline`, joins the threads that ended and
-  // detaches the others.
-  void shutdown(std::chrono::steady_clock::time_point deadline) {
-    if (threads_.empty()) {
-      return;
-    }
-    std::unique_lock<std::mutex> lock(state_->mutex);
-    state_->stopping = true;
-    state_->wake.notify_all();
-    const bool allEnded =
-        state_->ended.wait_until(lock, deadline, [this] { return state_->endedThreads == threads_.size(); });
-    lock.unlock();
-    for (std::thread& thread : threads_) {
-      if (allEnded) {
-        thread.join();
-      } else {
-        thread.detach();
-      }
-    }
-    threads_.clear();
-  }
-
- private:
-  struct State {
-    std::mutex mutex;
-    std::condition_variable wake;            // jobs were queued, or stopping was set
-    std::condition_variable ended;           // a thread ended
-    std::deque<std::function<void()>> jobs;  // guarded by mutex
-    bool stopping = false;                   // guarded by mutex
-    std::size_t endedThreads = 0;            // guarded by mutex
-  };
-
-  static void work(State& state) {
-    std::unique_lock<std::mutex> lock(state.mutex);
-    for (;;) {
-      state.wake.wait(lock, [&] { return state.stopping || !state.jobs.empty(); });
-      if (state.jobs.empty()) {
-        break;
-      }
-      std::function<void()> job = std::move(state.jobs.front());
-      state.jobs.pop_front();
-      lock.unlock();
-      job();          // never throws: run() catches whatever the command's execution throws
-      job = nullptr;  // whatever the job holds goes before the lock is taken again
-      lock.lock();
-    }
-    ++state.endedThreads;
-    state.ended.notify_all();
-  }
-
-  std::shared_ptr<State> state_;
-  std::vector<std::thread> threads_;
-};
 
 // The way back from the pool to the I/O thread. Closed before the io_context goes, so that a
 // command finishing late posts nothing into a destroyed context.
@@ -254,7 +138,6 @@ struct ServerState {
   const std::string path;
   const Options options;
   const uid_t uid = ::geteuid();
-  ino_t inode = 0;  // of the socket file this server made; only that one is removed
 
   // The I/O thread's own state: touched only from it, or once it has been joined. The context
   // runs until no handler is pending, so no session outlives the I/O thread.
@@ -268,7 +151,8 @@ struct ServerState {
   asio::steady_timer retryTimer{context};  // paces accept() after a failure such as EMFILE
   asio::steady_timer graceTimer{context};  // bounds the shutdown's wait for running commands
   std::shared_ptr<ReturnPath> returnPath = std::make_shared<ReturnPath>();
-  std::unique_ptr<CommandPool> pool;  // made once the options are known to be sound
+  std::unique_ptr<detail::CommandPool> pool;       // made once the options are known to be sound
+  std::unique_ptr<detail::SocketFile> socketFile;  // then the socket file, listening
 
   // The I/O thread runs until every socket and timer is done with, which after beginShutdown()
   // is when the last connection has closed.
@@ -540,34 +424,8 @@ ServerState::ServerState(std::shared_ptr<CommandRegistry> registryIn, const std:
   if (options.maxConnections == 0) {
     throw std::invalid_argument("the administration server needs maxConnections of at least 1");
   }
-  if (path.empty() || path.size() > kMaxSocketPath) {
-    throw std::runtime_error("the socket path \"" + path + "\" is " + std::to_string(path.size()) +
-                             " bytes long; a Unix socket path needs 1 to " + std::to_string(kMaxSocketPath));
-  }
-  pool = std::make_unique<CommandPool>(options.maxConnections);
-  clearStaleSocket(path);
-  boost::system::error_code error;
-  acceptor.open(Local(), error);
-  if (!error) {
-    acceptor.bind(Local::endpoint(path), error);
-  }
-  if (error) {
-    throw std::runtime_error("cannot bind the socket " + path + ": " + error.message());
-  }
-  // No client can connect before listen(), so the mode is right before anyone can use it,
-  // whatever the umask was.
-  struct stat status {};
-  if (::chmod(path.c_str(), S_IRUSR | S_IWUSR) != 0 || ::lstat(path.c_str(), &status) != 0) {
-    const int saved = errno;
-    ::unlink(path.c_str());
-    throw std::runtime_error("cannot make the socket " + path + " private (mode 0600): " + errnoText(saved));
-  }
-  inode = status.st_ino;
-  acceptor.listen(asio::socket_base::max_listen_connections, error);
-  if (error) {
-    ::unlink(path.c_str());
-    throw std::runtime_error("cannot listen on the socket " + path + ": " + error.message());
-  }
+  pool = std::make_unique<detail::CommandPool>(options.maxConnections);
+  socketFile = std::make_unique<detail::SocketFile>(acceptor, path);
   returnPath->context = &context;
 }
 
@@ -621,10 +479,7 @@ void ServerState::beginShutdown() {
   boost::system::error_code ignored;
   acceptor.close(ignored);
   retryTimer.cancel();
-  struct stat status {};
-  if (::lstat(path.c_str(), &status) == 0 && status.st_ino == inode) {
-    ::unlink(path.c_str());
-  }
+  socketFile->remove();
   // drain() may close and so destroy sessions: walk a copy.
   const std::vector<Session*> open(sessions.begin(), sessions.end());
   for (Session* session : open) {
