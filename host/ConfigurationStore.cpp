@@ -125,11 +125,13 @@ class KeySubscription final : public reactive_streams::Subscription,
   }
 
   // Delivers queued values while there is demand, unless another thread is already doing so;
-  // that thread then delivers whatever this one queued.
-  void drain() {
+  // that thread then delivers whatever this one queued. Returns the first exception a delivery
+  // made by this call threw (each is also reported), or null.
+  std::exception_ptr drain() {
+    std::exception_ptr refusal;
     std::unique_lock<std::mutex> lock(mutex_);
     if (draining_) {
-      return;
+      return refusal;
     }
     draining_ = true;
     drainer_ = std::this_thread::get_id();
@@ -144,6 +146,9 @@ class KeySubscription final : public reactive_streams::Subscription,
       try {
         subscriber->onNext(std::move(value));
       } catch (...) {
+        if (!refusal) {
+          refusal = std::current_exception();
+        }
         report(std::current_exception());
       }
       subscriber.reset();
@@ -153,6 +158,7 @@ class KeySubscription final : public reactive_streams::Subscription,
     drainer_ = std::thread::id();
     lock.unlock();
     idle_.notify_all();
+    return refusal;
   }
 
  private:
@@ -229,6 +235,8 @@ Future<bool> ConfigurationStore::set(const std::string& key, ConfigValue value, 
   }
   const bool isDefault = label == kDefaultLabel;
   std::vector<std::shared_ptr<KeySubscription>> changed;
+  std::optional<ConfigValue> previousAtLabel;
+  std::string previousOverride;
   bool taken = false;
   {
     std::lock_guard<std::mutex> lock(state_->mutex);
@@ -243,7 +251,12 @@ Future<bool> ConfigurationStore::set(const std::string& key, ConfigValue value, 
     if (const ConfigValue* current = entry.effective()) {
       before = *current;
     }
-    entry.byLabel[label] = std::move(value);
+    auto atLabel = entry.byLabel.find(label);
+    if (atLabel != entry.byLabel.end()) {
+      previousAtLabel = atLabel->second;
+    }
+    previousOverride = entry.override;
+    entry.byLabel[label] = value;
     if (!isDefault) {
       entry.override = label;
     }
@@ -256,10 +269,56 @@ Future<bool> ConfigurationStore::set(const std::string& key, ConfigValue value, 
       changed = entry.subscriptions;
     }
   }
+  std::exception_ptr refusal;
+  for (const auto& subscription : changed) {
+    std::exception_ptr error = subscription->drain();
+    refusal = refusal ? refusal : error;
+  }
+  if (refusal) {
+    return refuse(key, value, label, previousAtLabel, previousOverride, refusal);
+  }
+  return makeResolvedFuture(taken);
+}
+
+Future<bool> ConfigurationStore::refuse(const std::string& key, const ConfigValue& value,
+                                        const std::string& label,
+                                        const std::optional<ConfigValue>& previousAtLabel,
+                                        const std::string& previousOverride, std::exception_ptr refusal) {
+  std::string reason = "an exception that is not a std::exception";
+  try {
+    std::rethrow_exception(refusal);
+  } catch (const std::exception& error) {
+    reason = error.what();
+  } catch (...) {
+  }
+  std::vector<std::shared_ptr<KeySubscription>> changed;
+  {
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    auto& entry = state_->keys[key];
+    auto atLabel = entry.byLabel.find(label);
+    // A set made since, by another thread, stays: only this set's own value is taken back.
+    if (atLabel != entry.byLabel.end() && atLabel->second == value) {
+      if (previousAtLabel) {
+        atLabel->second = *previousAtLabel;
+      } else {
+        entry.byLabel.erase(atLabel);
+      }
+      entry.override = previousOverride;
+      // The subscribers that took the refused value get the one in force again.
+      const ConfigValue* now = entry.effective();
+      if (now != nullptr && !(*now == value)) {
+        for (const auto& subscription : entry.subscriptions) {
+          subscription->enqueue(*now);
+        }
+        changed = entry.subscriptions;
+      }
+    }
+  }
   for (const auto& subscription : changed) {
     subscription->drain();
   }
-  return makeResolvedFuture(taken);
+  return makeRejectedFuture<bool>(std::invalid_argument(
+      key + " = " + describeValue(value) + " was refused by a subscriber and not kept: " + reason));
 }
 
 std::shared_ptr<reactive_streams::Publisher<ConfigurationStore::ConfigValue>> ConfigurationStore::observe(

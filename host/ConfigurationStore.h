@@ -32,10 +32,13 @@
 // receives two values at once or out of order. No lock of the store is held while a subscriber
 // is called, so a subscriber may call the store (set, observe, cancel) from onNext.
 //
-// A subscriber's onNext that throws (a value of the wrong alternative, say) does not reach the
-// caller of set(): the store hands the exception, with the key, to the delivery-error handler
-// given at construction, on the delivering thread, and goes on delivering. The handler must not
-// throw; if it does, the exception is dropped.
+// A subscriber's onNext that throws (a value of the wrong alternative, say) is handed, with the
+// key, to the delivery-error handler given at construction, on the delivering thread, and the
+// store goes on delivering. The handler must not throw; if it does, the exception is dropped.
+// When a subscriber refuses a change that set() delivers on its own thread, the set is taken
+// back: the store holds what it held before (unless another set of that label came since), the
+// subscribers that took the refused value get the value in force again, and set() answers with a
+// Future rejected with std::invalid_argument naming the key, the value and the refusal's text.
 //
 // Threads: every operation is safe from any thread, concurrently with every other. The store's
 // state is shared with its publishers and subscriptions, which stay usable after the store is
@@ -84,6 +87,10 @@ class ConfigurationStore final : public configuration::Configuration {
   std::vector<Entry> list() const;
 
  private:
+  Future<bool> refuse(const std::string& key, const ConfigValue& value, const std::string& label,
+                      const std::optional<ConfigValue>& previousAtLabel, const std::string& previousOverride,
+                      std::exception_ptr refusal);
+
   std::shared_ptr<detail::ConfigurationState> state_;
 };
 

@@ -15,6 +15,7 @@
 #include <boost/asio/read.hpp>
 #include <boost/asio/write.hpp>
 
+#include "foundation/log/Log.h"
 #include "host/AdminServer.h"
 
 namespace connector {
@@ -28,6 +29,32 @@ namespace {
 
 const char* const kPrompt = "connector> ";
 const char* const kProgram = "connector-shell: ";
+const char* const kServerChannel = "connector.admin";
+
+// The signals the server waits for: SIGHUP reopens its files, SIGINT and SIGTERM stop it.
+sigset_t serverSignals() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  for (int signal : {SIGHUP, SIGINT, SIGTERM}) {
+    sigaddset(&signals, signal);
+  }
+  return signals;
+}
+
+// SIGHUP, as after logrotate's rename: every file the process writes is opened again by name,
+// and the outcome is recorded on the process log (in the new file when it worked).
+void reopenFiles() {
+  static const foundation::log::channel channel(kServerChannel);
+  try {
+    foundation::log::reopen();
+    channel.info("SIGHUP: reopened the log files");
+  } catch (const std::invalid_argument&) {
+    channel.info("SIGHUP: the process log writes to no file; nothing to reopen");
+  } catch (const std::exception& error) {
+    channel.warn(std::string("SIGHUP: reopening the log files failed; the old ones stay in use: ") +
+                 error.what());
+  }
+}
 
 // Readline's completion callbacks are plain functions; they read the names fetched at start.
 std::vector<std::string> remoteNames;
@@ -77,6 +104,11 @@ bool runLine(AdminClient& client, const std::string& line, bool& quit) {
   for (host::admin::Word& word : words) {
     texts.push_back(std::move(word.text));
   }
+  // The shell's `config SUB ...` is the server's connector.config.SUB.
+  if (texts.size() > 1 && texts[0] == "config") {
+    texts.erase(texts.begin());
+    texts[0] = "connector.config." + texts[0];
+  }
   Response response{Status::error, ""};
   try {
     response = client.call(texts);
@@ -121,13 +153,23 @@ int interactive(AdminClient& first, const std::string& socketPath) {
     }
     const std::string text(line);
     std::free(line);
-    try {
-      runLine(*client, text, quit);
-    } catch (const Unreachable& error) {
-      // An idle connection is closed by the server; a person at the prompt just goes on.
-      std::cerr << kProgram << error.what() << "; connecting again" << std::endl;
-      again = std::make_unique<AdminClient>(socketPath);
-      client = again.get();
+    // An idle connection is closed by the server; a person at the prompt just goes on. A command
+    // the server refused unread is sent again, once, on the new connection; one that may have run
+    // is not, so that nothing runs twice.
+    for (int attempt = 0; attempt < 2; ++attempt) {
+      try {
+        runLine(*client, text, quit);
+        break;
+      } catch (const Unreachable& error) {
+        const bool resend = error.notRun && attempt == 0;
+        std::cerr << kProgram << error.what()
+                  << (resend ? "; connecting again to send it again" : "; connecting again") << std::endl;
+        again = std::make_unique<AdminClient>(socketPath);
+        client = again.get();
+        if (!resend) {
+          break;
+        }
+      }
     }
   }
   return 0;
@@ -182,7 +224,9 @@ Response AdminClient::call(const std::vector<std::string>& words) {
       throw Unreachable(std::string("the server at ") + socketPath_ + " answered garbage: " + garbled.what());
     }
     if (response && response->status == Status::closed) {
-      throw Unreachable("the server at " + socketPath_ + " closed the connection: " + response->text);
+      throw Unreachable("the server at " + socketPath_ + " closed the connection: " + response->text +
+                            "; the command did not run",
+                        true);
     }
     if (response) {
       return *response;
@@ -190,7 +234,8 @@ Response AdminClient::call(const std::vector<std::string>& words) {
     const std::size_t n = socket_.read_some(asio::buffer(buffer), error);
     if (error) {
       throw Unreachable("the connection to the server at " + socketPath_ + " was lost: " +
-                        (error == asio::error::eof ? "the server closed it" : error.message()));
+                        (error == asio::error::eof ? "the server closed it" : error.message()) +
+                        "; the command may have run (its answer is lost)");
     }
     reader_.append(std::string_view(buffer.data(), n));
   }
@@ -217,11 +262,16 @@ int runClient(const ClientOptions& options) {
   }
 }
 
+void blockServerSignals() {
+  // Ignored rather than fatal: a stray kill -USR1 must not take the service down.
+  ::signal(SIGUSR1, SIG_IGN);
+  ::signal(SIGUSR2, SIG_IGN);
+  sigset_t waited = serverSignals();
+  pthread_sigmask(SIG_BLOCK, &waited, nullptr);
+}
+
 int serve(std::shared_ptr<host::CommandRegistry> registry, const std::string& socketPath) {
-  sigset_t stopping;
-  sigemptyset(&stopping);
-  sigaddset(&stopping, SIGINT);
-  sigaddset(&stopping, SIGTERM);
+  const sigset_t waited = serverSignals();
   std::unique_ptr<host::AdminServer> server;
   try {
     server = std::make_unique<host::AdminServer>(std::move(registry), socketPath);
@@ -231,7 +281,9 @@ int serve(std::shared_ptr<host::CommandRegistry> registry, const std::string& so
   }
   std::cout << "serving on " << socketPath << std::endl;
   int signal = 0;
-  sigwait(&stopping, &signal);
+  while (sigwait(&waited, &signal) == 0 && signal == SIGHUP) {
+    reopenFiles();
+  }
   server->stop();
   std::cout << "stopped (" << (signal == SIGINT ? "SIGINT" : "SIGTERM") << ")" << std::endl;
   return 0;

@@ -19,10 +19,14 @@
 namespace connector {
 namespace shell {
 
-// The server could not be reached, or it closed the connection; what() says why.
+// The server could not be reached, or it closed the connection; what() says why and, for a
+// command, whether it ran. notRun: the server refused the command unread (it answered "closed",
+// e.g. after the idle time), so sending it again on a new connection runs it once.
 class Unreachable : public std::runtime_error {
  public:
-  using std::runtime_error::runtime_error;
+  explicit Unreachable(const std::string& text, bool notRun = false)
+      : std::runtime_error(text), notRun(notRun) {}
+  bool notRun;
 };
 
 class AdminClient {
@@ -57,9 +61,14 @@ int runClient(const ClientOptions& options);
 
 // --serve: serves `registry` on `socketPath` until SIGINT or SIGTERM, then stops cleanly and
 // returns 0; returns 2 when the server cannot start (the reason on standard error). Prints
-// "serving on SOCKET" on standard output once clients can connect. SIGINT and SIGTERM must be
-// blocked in every thread of the process (block them before starting any).
+// "serving on SOCKET" on standard output once clients can connect. SIGHUP reopens every file the
+// process writes (as connector.log.reopen does) and records it on "connector.admin"; the server
+// goes on. Call blockServerSignals() first.
 int serve(std::shared_ptr<host::CommandRegistry> registry, const std::string& socketPath);
+
+// For --serve, before any thread starts (so that every thread inherits the mask): blocks SIGHUP,
+// SIGINT and SIGTERM, which only serve() takes, and ignores SIGUSR1 and SIGUSR2.
+void blockServerSignals();
 
 }  // namespace shell
 }  // namespace connector

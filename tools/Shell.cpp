@@ -43,12 +43,12 @@ const char* const kMetricsName = "metrics";
 const char* const kFlakyName = "flaky";
 const char* const kApiAddress = "api";
 const char* const kFlakyAddress = "flaky";
-const char* const kOperatorLabel = "operator";
 const char* const kLogChannel = "connector.shell";
 const char* const kMessageTypes = "ping, greeting, order";
 
-const char* const kUsage = R"(Usage: connector-shell [--script FILE] [--log-dir DIR] [--help]
-       connector-shell --serve SOCKET [--log-dir DIR]
+const char* const kUsage =
+    R"(Usage: connector-shell [--script FILE] [--config FILE] [--log-dir DIR] [--help] [--version]
+       connector-shell --serve SOCKET [--config FILE] [--log-dir DIR]
        connector-shell --connect SOCKET [-c 'COMMAND ARGS']... [--script FILE]
 
 An interactive host for the connector common services. It runs an EchoServiceProvider named
@@ -63,18 +63,26 @@ Options:
                   standard input; stops at the end of the file or at "quit"
   --log-dir DIR   the directory that "file:" destinations of the process log must lie in; a
                   relative "file:PATH" is taken relative to it (default: the current directory)
+  --config FILE   before anything else, run FILE's lines: "config set KEY VALUE [LABEL]" or an
+                  administration command ("#" starts a comment); a bad line stops the start
+                  naming the line (exit status 2)
   --help          print this text and exit
+  --version       print the version and exit
   --serve SOCKET  run the host without a prompt and serve its administration commands on the
                   Unix socket SOCKET (mode 0600; only this user and root are served) until
-                  SIGINT or SIGTERM
+                  SIGINT or SIGTERM; SIGHUP reopens the log files, SIGUSR1 and SIGUSR2 are
+                  ignored; no --script
   --connect SOCKET  run administration commands on the server at SOCKET: those of -c and
-                  --script, else those typed at the prompt ("help" lists the server's)
+                  --script, else those typed at the prompt ("help" lists the server's);
+                  "config get|set|list ..." runs the server's connector.config.get|set|list
   -c 'COMMAND ARGS'  with --connect, one command to run (repeatable); prints exactly the
                   answers' texts; exit status 1 if one failed, 2 if the server was not reached
 
 Commands:
-  send ADDRESS TYPE [TEXT]      send a message to ADDRESS and print the answer; TYPE is ping,
-                                greeting or order (greeting and order carry TEXT)
+  send ADDRESS TYPE [TEXT] [-n COUNT]
+                                send a message to ADDRESS and print the answer; TYPE is ping,
+                                greeting or order (greeting and order carry TEXT); with -n,
+                                COUNT messages at once and a count of their answers
   config set KEY VALUE [LABEL]  set KEY to VALUE under LABEL (default "operator"); the label
                                 "default" is the lowest layer and never hides another label's value
   config get KEY                print KEY's value, its type and the label it was set under
@@ -115,7 +123,7 @@ struct ShellCommand {
 };
 const ShellCommand kShellCommands[] = {
     {"send",
-     "  send ADDRESS TYPE [TEXT]      send a message (TYPE: ping, greeting, order) and print the answer\n"},
+     "  send ADDRESS TYPE [TEXT] [-n COUNT]  send a message (TYPE: ping, greeting, order), COUNT times\n"},
     {"config",
      "  config set KEY VALUE [LABEL]  set a configuration value (LABEL defaults to \"operator\")\n"
      "  config get KEY                print a key's value, type and label\n"
@@ -126,32 +134,6 @@ const char* const kShellCommandsTitle = "Shell commands:\n";
 const char* const kAdministrationTitle =
     "Administration commands (NAME [ARGUMENT...]; \"help NAME\" describes one):\n";
 const char* const kConfigForms = "set KEY VALUE [LABEL], get KEY or list";
-
-// The typed value of a `config set` word: quoted words are strings; true and false are bools;
-// whole numbers are ints (and must fit one); anything else is a string.
-configuration::ConfigValue parseValue(const std::string& text, bool quoted) {
-  if (quoted) {
-    return text;
-  }
-  if (text == "true" || text == "false") {
-    return text == "true";
-  }
-  std::size_t digits = (!text.empty() && (text[0] == '-' || text[0] == '+')) ? 1 : 0;
-  const bool number =
-      text.size() > digits && text.find_first_not_of("0123456789", digits) == std::string::npos;
-  if (!number) {
-    return text;
-  }
-  errno = 0;
-  const long long parsed = std::strtoll(text.c_str(), nullptr, 10);
-  if (errno == ERANGE || parsed < std::numeric_limits<int>::min() ||
-      parsed > std::numeric_limits<int>::max()) {
-    throw std::out_of_range(
-        "value " + text + " does not fit an int (" + std::to_string(std::numeric_limits<int>::min()) +
-        " to " + std::to_string(std::numeric_limits<int>::max()) + "); quote it to set it as a string");
-  }
-  return static_cast<int>(parsed);
-}
 
 std::unique_ptr<Message> makeMessage(const std::string& type, const std::string* text) {
   if (type == "ping") {
@@ -260,6 +242,7 @@ Shell::Shell(std::ostream& out, std::ostream& err)
   connectorCommands_ = std::make_unique<common_services::ConnectorCommandProvider>(connector_, registry_);
   logCommands_ = std::make_unique<common_services::LoggingCommandProvider>(registry_);
   logOperations_ = std::make_unique<common_services::LogOperationsCommandProvider>(registry_);
+  configCommands_ = std::make_unique<host::ConfigurationCommands>(registry_, configuration_);
 }
 
 Shell::~Shell() = default;
@@ -305,27 +288,57 @@ bool Shell::run(const std::string& line) {
   return succeeded;
 }
 
-bool Shell::send(const std::vector<Word>& words) {
+bool Shell::send(const std::vector<Word>& all) {
+  // A trailing "-n COUNT" sends COUNT messages at once, a burst in one line.
+  std::vector<Word> words = all;
+  unsigned long count = 1;
+  if (words.size() >= 5 && !words[words.size() - 2].quoted && words[words.size() - 2].text == "-n") {
+    const std::string& text = words.back().text;
+    if (text.empty() || text.size() > 7 || text.find_first_not_of("0123456789") != std::string::npos ||
+        (count = std::stoul(text)) == 0) {
+      return fail("send -n takes a COUNT from 1 to 9999999, not " + host::quoted(text, host::kEchoLimit));
+    }
+    words.resize(words.size() - 2);
+  }
   if (words.size() < 3 || words.size() > 4) {
     const std::size_t given = words.size() - 1;
-    return fail("send takes ADDRESS TYPE [TEXT], but was given " + std::to_string(given) +
+    return fail("send takes ADDRESS TYPE [TEXT] [-n COUNT], but was given " + std::to_string(given) +
                 (given == 1 ? " word" : " words") + "; quote a TEXT that has blanks");
   }
-  std::unique_ptr<Message> message;
+  std::vector<Future<std::unique_ptr<Message>>> answers;
   try {
-    message = makeMessage(words[2].text, words.size() == 4 ? &words[3].text : nullptr);
+    for (unsigned long i = 0; i < count; ++i) {
+      answers.push_back(connector_->send(
+          makeMessage(words[2].text, words.size() == 4 ? &words[3].text : nullptr), Address(words[1].text)));
+    }
   } catch (const std::invalid_argument& error) {
     return fail(error.what());
   }
-  try {
-    std::unique_ptr<Message> answer = connector_->send(std::move(message), Address(words[1].text)).get();
-    access_->flush();  // the access log's line of this request goes before the answer
-    out_ << "answer: " << host::printable(describeAnswer(answer)) << std::endl;
-    return true;
-  } catch (const std::exception& error) {
-    access_->flush();
-    return fail(error.what());
+  std::string last;
+  std::size_t failed = 0;
+  for (auto& answer : answers) {
+    try {
+      last = "answer: " + describeAnswer(answer.get());
+    } catch (const std::exception& error) {
+      last = error.what();
+      ++failed;
+    }
   }
+  access_->flush();  // the access log's lines of these requests go before the answer
+  if (count == 1 && failed == 1) {
+    return fail(last);
+  }
+  if (count == 1) {
+    out_ << host::printable(last) << std::endl;
+    return true;
+  }
+  const std::string summary = std::to_string(count) + " sent, " + std::to_string(count - failed) +
+                              " answered, " + std::to_string(failed) + " failed; the last: " + last;
+  if (failed > 0) {
+    return fail(summary);
+  }
+  out_ << host::printable(summary) << std::endl;
+  return true;
 }
 
 bool Shell::config(const std::vector<Word>& words) {
@@ -339,7 +352,7 @@ bool Shell::config(const std::vector<Word>& words) {
       return fail("config list takes nothing more, but was given " + plural(given, "word"));
     }
     for (const auto& entry : configuration_->list()) {
-      out_ << describeEntry(entry) << '\n';
+      out_ << host::describeEntry(entry) << '\n';
     }
     out_.flush();
     return true;
@@ -353,7 +366,7 @@ bool Shell::config(const std::vector<Word>& words) {
       return fail("configuration key " + host::quoted(words[2].text, host::kEchoLimit) +
                   " has no value; \"config list\" shows the keys");
     }
-    out_ << describeEntry(*entry) << std::endl;
+    out_ << host::describeEntry(*entry) << std::endl;
     return true;
   }
   if (sub != "set") {
@@ -364,11 +377,11 @@ bool Shell::config(const std::vector<Word>& words) {
                 "; quote a VALUE that has blanks");
   }
   const std::string& key = words[2].text;
-  const std::string label = given == 3 ? words[4].text : kOperatorLabel;
+  const std::string label = given == 3 ? words[4].text : host::kOperatorLabel;
   bool inForce = false;
   configuration::ConfigValue value;
   try {
-    value = parseValue(words[3].text, words[3].quoted);
+    value = host::parseValue(key, words[3].text, words[3].quoted, nullptr);
     {
       std::lock_guard<std::mutex> lock(deliveryErrorsMutex_);
       deliveryErrors_.clear();
@@ -391,7 +404,7 @@ bool Shell::config(const std::vector<Word>& words) {
     out_ << key << ": the value is stored under " << host::quoted(label)
          << " but another label's value stays in force\n";
   }
-  out_ << describeEntry(*configuration_->get(key)) << std::endl;
+  out_ << host::describeEntry(*configuration_->get(key)) << std::endl;
   return true;
 }
 
@@ -433,11 +446,6 @@ bool Shell::fail(const std::string& text) {
   out_.flush();
   err_ << "error: " << host::printable(text) << std::endl;
   return false;
-}
-
-std::string Shell::describeEntry(const host::ConfigurationStore::Entry& entry) const {
-  return host::printable(entry.key) + " = " + host::describeValue(entry.value) + " (" +
-         host::describeType(entry.value) + ", label " + host::quoted(entry.label) + ")";
 }
 
 std::vector<std::string> Shell::commandNames() const {

@@ -19,6 +19,7 @@
 
 #include "host/AdminProtocol.h"
 #include "host/CommandRegistry.h"
+#include "host/ConfigurationCommands.h"
 #include "host/ConfigurationStore.h"
 #include "host/Connector.h"
 
@@ -69,7 +70,6 @@ class Shell {
   bool config(const std::vector<Word>& words);
   bool help(const std::vector<Word>& words);
   bool fail(const std::string& text);
-  std::string describeEntry(const host::ConfigurationStore::Entry& entry) const;
 
   struct PrintableOut;  // `out` seen through a filter that escapes control bytes
 
@@ -91,6 +91,7 @@ class Shell {
   std::unique_ptr<common_services::ConnectorCommandProvider> connectorCommands_;
   std::unique_ptr<common_services::LoggingCommandProvider> logCommands_;
   std::unique_ptr<common_services::LogOperationsCommandProvider> logOperations_;
+  std::unique_ptr<host::ConfigurationCommands> configCommands_;  // connector.config.*
 };
 
 }  // namespace shell

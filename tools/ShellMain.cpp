@@ -181,12 +181,62 @@ int usageError(const std::string& text) {
   return 2;
 }
 
+// --config FILE: runs its lines (blank lines and "#" comments skipped) as administration
+// commands, "config SUB ..." as connector.config.SUB, so that they are typed and audited as over
+// the socket. Throws std::runtime_error naming the file, the line and the reason of the first bad
+// line.
+void loadConfiguration(connector::host::CommandRegistry& registry, const std::string& path) {
+  std::ifstream file(path);
+  std::error_code ignored;
+  if (!file || std::filesystem::is_directory(path, ignored)) {
+    throw std::runtime_error("cannot read the configuration " + path + ": " +
+                             (file ? "it is a directory" : std::strerror(errno)));
+  }
+  std::string line;
+  for (int number = 1; std::getline(file, line); ++number) {
+    std::string reason;
+    try {
+      std::vector<connector::host::admin::Word> words = connector::host::admin::splitWords(line);
+      if (words.empty() || (!words[0].quoted && words[0].text[0] == '#')) {
+        continue;
+      }
+      const bool config = words.size() > 1 && words[0].text == "config";
+      std::vector<std::string> arguments;
+      for (std::size_t i = config ? 2 : 1; i < words.size(); ++i) {
+        arguments.push_back(words[i].text);
+      }
+      const std::string name = config ? "connector.config." + words[1].text : words[0].text;
+      const auto result = registry.execute(name, std::move(arguments), "--config " + path);
+      reason = result.succeeded ? "" : result.text;
+    } catch (const std::invalid_argument& error) {
+      reason = error.what();
+    }
+    if (!reason.empty()) {
+      throw std::runtime_error(path + ":" + std::to_string(number) + ": " + reason);
+    }
+  }
+}
+
+// Runs --config FILE, if given; false, with the reason on standard error, when a line is bad.
+bool configure(connector::host::CommandRegistry& registry, const std::string& path) {
+  try {
+    if (!path.empty()) {
+      loadConfiguration(registry, path);
+    }
+    return true;
+  } catch (const std::runtime_error& error) {
+    std::cerr << "connector-shell: " << error.what() << std::endl;
+    return false;
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   std::string script;
   std::string logDirectory = ".";
   std::string serveSocket;
+  std::string configFile;
   connector::shell::ClientOptions client;
   for (int i = 1; i < argc; ++i) {
     const std::string option = argv[i];
@@ -194,8 +244,12 @@ int main(int argc, char** argv) {
       std::cout << connector::shell::Shell::usage();
       return 0;
     }
-    if ((option == "--script" || option == "--log-dir") && i + 1 < argc) {
-      (option == "--script" ? script : logDirectory) = argv[++i];
+    if (option == "--version") {
+      std::cout << "connector-shell " << CONNECTOR_SHELL_VERSION << std::endl;
+      return 0;
+    }
+    if ((option == "--script" || option == "--log-dir" || option == "--config") && i + 1 < argc) {
+      (option == "--script" ? script : option == "--config" ? configFile : logDirectory) = argv[++i];
       continue;
     }
     if ((option == "--serve" || option == "--connect" || option == "-c") && i + 1 < argc) {
@@ -206,7 +260,7 @@ int main(int argc, char** argv) {
       continue;
     }
     if (option == "--script" || option == "--log-dir" || option == "--serve" || option == "--connect" ||
-        option == "-c") {
+        option == "-c" || option == "--config") {
       return usageError(option + " needs a value");
     }
     return usageError("unknown option \"" + option + "\"");
@@ -215,6 +269,9 @@ int main(int argc, char** argv) {
   if (!client.socketPath.empty()) {
     if (!serveSocket.empty()) {
       return usageError("--serve and --connect exclude each other");
+    }
+    if (!configFile.empty()) {
+      return usageError("--config configures this process's host; with --connect, use -c 'config set ...'");
     }
     client.script = script;
     return connector::shell::runClient(client);
@@ -231,6 +288,9 @@ int main(int argc, char** argv) {
     return usageError(std::string("--log-dir: ") + error.what());
   }
 
+  if (!serveSocket.empty() && !script.empty()) {
+    return usageError("--serve runs no script (it serves until SIGTERM); put settings in --config FILE");
+  }
   std::ifstream file;
   if (!script.empty()) {
     // A directory opens as a stream that reads nothing, which would run no command and succeed.
@@ -247,19 +307,19 @@ int main(int argc, char** argv) {
   }
 
   if (!serveSocket.empty()) {
-    // Blocked before any thread starts, so that every thread inherits the mask and only the
-    // server's sigwait() receives them.
-    sigset_t stopping;
-    sigemptyset(&stopping);
-    sigaddset(&stopping, SIGINT);
-    sigaddset(&stopping, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &stopping, nullptr);
+    connector::shell::blockServerSignals();
     connector::shell::Shell shell(std::cout, std::cerr);
+    if (!configure(*shell.registry(), configFile)) {
+      return 2;
+    }
     return connector::shell::serve(shell.registry(), serveSocket);
   }
   const bool fromTerminal = script.empty() && isatty(STDIN_FILENO);
   const int interrupts = fromTerminal ? takeInterrupts() : -1;
   connector::shell::Shell shell(std::cout, std::cerr);
+  if (!configure(*shell.registry(), configFile)) {
+    return 2;
+  }
   if (!script.empty()) {
     return batch(shell, file, true);
   }

@@ -1,5 +1,6 @@
 // The reference host's pieces: the connector, the configuration store, the command registry with
 // its audit trail, and the administration endpoint that serves the registry on a Unix socket.
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -33,6 +34,7 @@
 #include "services/EchoServiceProvider.h"
 #include "tests/support/AdminPeer.h"
 #include "tests/support/CountedMessage.h"
+#include "tests/support/FailingAllocation.h"
 #include "tests/support/TempDirectory.h"
 
 namespace connector {
@@ -47,6 +49,7 @@ using test_support::AdminPeer;
 using test_support::CountedMessage;
 using ::testing::AnyOf;
 using ::testing::HasSubstr;
+using ::testing::Not;
 using Arguments = std::vector<std::string>;
 namespace flog = foundation::log;
 using Journal = std::vector<std::string>;  // written by one thread at a time
@@ -143,9 +146,13 @@ class RecordingSubscriber : public reactive_streams::SubscriberAPI<ConfigValue> 
  public:
   std::vector<int> values;  // read by the test only while no delivery runs
   int cancelAt = -1;        // onNext cancels the subscription once it has recorded this value
+  int refused = -1;         // onNext throws for this value
 
   void onSubscribe(const std::shared_ptr<reactive_streams::Subscription>& s) override { subscription_ = s; }
   void onNext(ConfigValue&& value) override {
+    if (boost::get<int>(value) == refused) {
+      throw std::range_error("takes 1 or more");
+    }
     values.push_back(boost::get<int>(value));
     if (values.back() == cancelAt) {
       cancel();
@@ -189,6 +196,22 @@ TEST(ConfigurationStore, LayersByLabelAndOneTypePerKey) {
   EXPECT_THROW(store.set("none", none, "operator").get(), std::invalid_argument);
   EXPECT_EQ(boost::get<std::string>(store.get("literal")->value), "app::Ping");
   EXPECT_EQ(boost::get<int>(store.get("zero")->value), 0);
+}
+
+// A value that a subscriber refuses is taken back: the store holds what it held, the subscribers
+// that took it get the value in force again, and the answer says why.
+TEST(ConfigurationStore, AValueASubscriberRefusesIsNotKept) {
+  host::ConfigurationStore store;
+  store.set("k", 1, "default");
+  auto taker = subscribe(store, "k", 10);
+  auto refuser = subscribe(store, "k", 10);
+  refuser->refused = 0;
+  EXPECT_THAT([&] { store.set("k", 0, "operator").get(); },
+              ::testing::ThrowsMessage<std::invalid_argument>(
+                  "k = 0 was refused by a subscriber and not kept: takes 1 or more"));
+  EXPECT_EQ(store.get("k")->label, "default");
+  EXPECT_EQ(taker->values, (std::vector<int>{1, 0, 1}));
+  EXPECT_TRUE(store.set("k", 2, "default").get());
 }
 
 // The current value first, then each change of the effective value in order, each only when
@@ -385,6 +408,7 @@ struct Fixture {
 // A line of exactly the limit is a request; one byte more is answered and the connection closed.
 TEST(AdminServer, AnswersPipelinedRequestsInOrderAndExactlyUpToTheLineLimit) {
   Fixture f;
+  foundation::log::set_destination("file:" + (f.directory / "admin.log"));
   AdminServer server(f.registry, f.path);
   AdminPeer peer(f.path);
   const std::string longest = "test.text " + std::string(host::admin::kMaxRequestLine - 10, 'x');
@@ -406,6 +430,13 @@ TEST(AdminServer, AnswersPipelinedRequestsInOrderAndExactlyUpToTheLineLimit) {
                                      "that much before each line feed"}));
   EXPECT_EQ(greedy.next(), std::nullopt);
   EXPECT_THROW(host::admin::formatRequest({"cmd", "line\nfeed"}), std::invalid_argument);
+  // Each refusal is counted by its reason; the second of a reason within 10 s is not logged.
+  EXPECT_EQ(server.refusals().notText, 2u);
+  EXPECT_EQ(server.refusals().lineTooLong, 1u);
+  foundation::log::set_destination("null");
+  const std::string log = test_support::TempDirectory::read(f.directory / "admin.log");
+  EXPECT_THAT(log, HasSubstr("[warning] refused a request from uid="));
+  EXPECT_THAT(log, Not(HasSubstr("0xc0")));
 }
 
 // The connection beyond the 32 served at once is told so and closed.
@@ -422,6 +453,7 @@ TEST(AdminServer, ConnectionBeyondTheLimitIsToldAndClosed) {
                                     "too many connections: the server takes 32 at once; try "
                                     "again when one has closed"}));
   EXPECT_EQ(extra.next(), std::nullopt);
+  EXPECT_EQ(server.refusals().tooManyConnections, 1u);
 }
 
 // A connection runs its requests one at a time: a command that has not returned holds up the
@@ -449,6 +481,66 @@ TEST(AdminServer, ARunningCommandHoldsUpOnlyItsConnectionIsNotIdleAndIsAnsweredO
   stopping.join();
   EXPECT_EQ(busy.next(), ok("released"));
   EXPECT_EQ(busy.next(), std::nullopt);
+}
+
+// A client that never completes a line loses its slot after the idle time, however often it
+// sends a byte.
+TEST(AdminServer, OnlyACompleteRequestKeepsAConnectionFromIdling) {
+  Fixture f;
+  AdminServer server(f.registry, f.path, {32, std::chrono::milliseconds(100)});
+  AdminPeer dribbler(f.path);
+  std::atomic<int> sent{0};
+  std::thread sending([&] {
+    for (; sent < 200; ++sent) {  // 4 s of one byte every 20 ms, unless closed
+      dribbler.send("x");
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+  });
+  EXPECT_EQ(dribbler.next()->status, Status::closed);
+  EXPECT_LT(sent.exchange(200), 200);
+  sending.join();
+}
+
+// The whole stop, a stuck command included, takes one grace period, not one per stage.
+TEST(AdminServer, StopWithAStuckCommandEndsWithinOneGracePeriod) {
+  Fixture f;
+  AdminServer server(f.registry, f.path, {32, std::chrono::minutes(5), std::chrono::seconds(1)});
+  AdminPeer stuck(f.path);
+  stuck.send("test.block\n");
+  f.entered.get_future().wait();
+  const auto start = std::chrono::steady_clock::now();
+  server.stop();
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1800));
+  f.release.set_value();
+}
+
+// Neither threads that cannot be made nor a command whose run throws ends the process: the first
+// is an exception from the constructor, the second an "error" answer, and the server goes on.
+TEST(AdminServer, ThreadsThatCannotBeMadeAndAThrowingRunAreErrorsNotTheEnd) {
+  Fixture f;
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // a sanitizer needs its address space
+  const auto startWithTooLittleMemory = [&] {
+    long pages = 0;
+    std::ifstream("/proc/self/statm") >> pages;
+    const rlim_t room = static_cast<rlim_t>(pages) * 4096 + (64 << 20);  // far from 4096 stacks
+    const rlimit limit{room, room};
+    ::setrlimit(RLIMIT_AS, &limit);
+    try {
+      AdminServer(f.registry, f.path, {4096});
+    } catch (const std::runtime_error& error) {
+      std::cerr << error.what();
+      std::exit(1);
+    }
+  };
+  EXPECT_EXIT(startWithTooLittleMemory(), ::testing::ExitedWithCode(1), "lower maxConnections");
+#endif
+  f.registry->registerCommand({"test.starve", "Makes the next allocation after it fail.",
+                               [](Arguments&&) { return test_support::failAllocation(1), std::string(); }, 0,
+                               0});
+  AdminServer server(f.registry, f.path);
+  AdminPeer peer(f.path);
+  EXPECT_EQ(peer.call("test.starve"), (Response{Status::error, "test.starve could not run: std::bad_alloc"}));
+  EXPECT_EQ(peer.call("test.text x"), ok("x"));
 }
 
 // A live socket and a file that is not a socket are refused; a stale socket is replaced. (That the

@@ -1,7 +1,7 @@
 #!/bin/sh
 # Two processes: connector-shell --serve in the background, and connector-shell --connect running
 # commands on it with -c and --script. Checks the answers, the exit statuses (0 all succeeded, 1
-# one failed, 2 no server) and that SIGTERM stops the server cleanly and removes its socket.
+# one failed, 2 no server), that SIGHUP reopens the log and SIGUSR1/2 are ignored, and that SIGTERM stops the server cleanly and removes its socket.
 # Usage: admin-test.sh SHELL
 set -u
 shell=$1
@@ -29,9 +29,18 @@ check() {
   [ "$(cat "$work/err")" = "$err" ] || fail "$name: printed on stderr [$(cat "$work/err")], expected [$err]"
 }
 
+# A bad line of --config stops the start, naming the file and the line.
+printf '# refused by the access log\nconfig set access.sampleEvery 0\n' >"$work/bad.conf"
+"$shell" --serve "$work/s" --config "$work/bad.conf" >/dev/null 2>"$work/err"
+[ $? = 2 ] || fail "a bad configuration did not stop the start with exit status 2"
+[ "$(tail -n 1 "$work/err")" = "connector-shell: $work/bad.conf:2: command \"connector.config.set\" failed: \
+access.sampleEvery = 0 was refused by a subscriber and not kept: access.sampleEvery refused 0 (int): it takes an \
+int of at least 1; the setting stays 1" ] || fail "a bad configuration: $(cat "$work/err")"
+
 # The server says when it listens; the test reads that line from a FIFO before connecting.
 mkfifo "$work/ready"
-"$shell" --serve "$work/s" --log-dir "$work" >"$work/ready" 2>"$work/server.log" &
+printf '# the access log\nconfig set access.sampleEvery 3 ops\n' >"$work/conf"
+"$shell" --serve "$work/s" --log-dir "$work" --config "$work/conf" >"$work/ready" 2>"$work/server.log" &
 server=$!
 exec 3<"$work/ready"
 read -r line <&3
@@ -55,11 +64,33 @@ check "a script with a failure" 1 "stderr" \
   'error: command "connector.log.getDestination" takes no arguments, but was given 1' \
   -- --connect "$work/s" --script "$work/script"
 
+# The configuration is served as the shell's config; a refused value leaves the store as it was.
+check "configuration over the socket" 1 'access.sampleEvery = 3 (int, label "ops")
+access.format = "json" (string, label "operator")
+access.sampleEvery = 3 (int, label "ops")' 'error: command "connector.config.set" failed: access.sampleEvery = 0 was refused by a subscriber and not kept: access.sampleEvery refused 0 (int): it takes an int of at least 1; the setting stays 3' \
+  -- --connect "$work/s" -c 'config get access.sampleEvery' -c 'config set access.format json' \
+  -c 'config set access.sampleEvery 0' -c 'config list access.sampleEvery'
+
 "$shell" --connect "$work/s" -c help >"$work/out" 2>&1
 grep -q '^connector.log.getChannels ' "$work/out" || fail "help does not list the server's commands: $(cat "$work/out")"
 
+long=$(head -c 70000 /dev/zero | tr '\0' x)
+check "a refused command" 2 "" "connector-shell: the server at $work/s closed the connection: the request line is longer than 65536 bytes; send at most that much before each line feed; the command did not run" \
+  -- --connect "$work/s" -c "connector.log.getDestination $long"
+
 check "no server" 2 "" "connector-shell: cannot reach the server at $work/none: No such file or directory" \
   -- --connect "$work/none" -c help
+
+# SIGHUP reopens the process log's file after a rename, and is recorded there; SIGUSR1 and
+# SIGUSR2 are ignored. The server goes on serving after all three.
+"$shell" --connect "$work/s" -c "connector.log.setDestination file:$work/process.log" >/dev/null
+mv "$work/process.log" "$work/process.log.1"
+kill -HUP "$server"
+kill -USR1 "$server"
+kill -USR2 "$server"
+for _ in $(seq 100); do grep -q "SIGHUP: reopened the log files" "$work/process.log" 2>/dev/null && break; sleep 0.1; done
+grep -q "SIGHUP: reopened the log files" "$work/process.log" 2>/dev/null || fail "no record of SIGHUP in a new file"
+check "after SIGHUP, SIGUSR1, SIGUSR2" 0 "file:$work/process.log" "" -- --connect "$work/s" -c connector.log.getDestination
 
 kill -TERM "$server"
 wait "$server"
