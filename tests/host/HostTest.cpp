@@ -435,7 +435,7 @@ TEST(AdminServer, AnswersPipelinedRequestsInOrderAndExactlyUpToTheLineLimit) {
   EXPECT_EQ(server.refusals().lineTooLong, 1u);
   foundation::log::set_destination("null");
   const std::string log = test_support::TempDirectory::read(f.directory / "admin.log");
-  EXPECT_THAT(log, HasSubstr("[warning] refused a request from uid="));
+  EXPECT_THAT(log, HasSubstr("[warn] refused a request from uid="));
   EXPECT_THAT(log, Not(HasSubstr("0xc0")));
 }
 
