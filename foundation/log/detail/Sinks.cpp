@@ -1,7 +1,9 @@
 #include "foundation/log/detail/Sinks.h"
 
+#include <chrono>
 #include <cstdio>
 #include <ctime>
+#include <string_view>
 #include <utility>
 
 #include <spdlog/details/log_msg.h>
@@ -250,18 +252,6 @@ namespace {
 // Levels as specifications spell them, in spdlog's order.
 constexpr const char* kLevelNames[] = {"trace", "debug", "info", "warn", "error", "critical", "off"};
 
-std::string isoUtc(spdlog::log_clock::time_point time) {
-  const auto since = time.time_since_epoch();
-  const std::time_t seconds = std::chrono::duration_cast<std::chrono::seconds>(since).count();
-  const auto millis = std::chrono::duration_cast<std::chrono::milliseconds>(since).count() % 1000;
-  std::tm utc{};
-  ::gmtime_r(&seconds, &utc);
-  char text[32];
-  const std::size_t length = std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &utc);
-  std::snprintf(text + length, sizeof text - length, ".%03dZ", static_cast<int>(millis));
-  return text;
-}
-
 // A JSON string, quoted and escaped; bytes that are not UTF-8 become U+FFFD.
 std::string jsonString(spdlog::string_view_t text) {
   return nlohmann::json(std::string(text.data(), text.size()))
@@ -271,17 +261,40 @@ std::string jsonString(spdlog::string_view_t text) {
 }  // namespace
 
 void record_formatter::format(const spdlog::details::log_msg& msg, spdlog::memory_buf_t& dest) {
-  const std::string time = isoUtc(msg.time);
-  const char* const level = kLevelNames[static_cast<int>(msg.level)];
-  std::string line;
-  if (json_) {
-    line = "{\"time\":\"" + time + "\",\"channel\":" + jsonString(msg.logger_name) + ",\"level\":\"" + level +
-           "\",\"text\":" + jsonString(msg.payload) + "}\n";
-  } else {
-    line = "[" + time + "] [" + std::string(msg.logger_name.data(), msg.logger_name.size()) + "] [" + level +
-           "] " + std::string(msg.payload.data(), msg.payload.size()) + "\n";
+  const auto since = msg.time.time_since_epoch();
+  const std::time_t second = std::chrono::duration_cast<std::chrono::seconds>(since).count();
+  if (second != second_) {
+    std::tm utc{};
+    ::gmtime_r(&second, &utc);
+    std::strftime(secondText_, sizeof secondText_, "%Y-%m-%dT%H:%M:%S", &utc);
+    second_ = second;
   }
-  dest.append(line.data(), line.data() + line.size());
+  const int millis =
+      static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(since).count() % 1000);
+  const char stamp[] = {'.', static_cast<char>('0' + millis / 100), static_cast<char>('0' + millis / 10 % 10),
+                        static_cast<char>('0' + millis % 10), 'Z'};
+  const std::string_view level = kLevelNames[static_cast<int>(msg.level)];
+  const auto put = [&dest](std::string_view text) { dest.append(text.data(), text.data() + text.size()); };
+  put(json_ ? "{\"time\":\"" : "[");
+  put(secondText_);
+  put(std::string_view(stamp, sizeof stamp));
+  if (json_) {
+    put("\",\"channel\":");
+    put(jsonString(msg.logger_name));
+    put(",\"level\":\"");
+    put(level);
+    put("\",\"text\":");
+    put(jsonString(msg.payload));
+    put("}\n");
+  } else {
+    put("] [");
+    put(std::string_view(msg.logger_name.data(), msg.logger_name.size()));
+    put("] [");
+    put(level);
+    put("] ");
+    put(std::string_view(msg.payload.data(), msg.payload.size()));
+    put("\n");
+  }
 }
 
 // ---- function_sink

@@ -10,6 +10,7 @@
 
 #include <condition_variable>
 #include <cstddef>
+#include <ctime>
 #include <deque>
 #include <functional>
 #include <memory>
@@ -141,6 +142,10 @@ class record_formatter final : public spdlog::formatter {
 
  private:
   const bool json_;
+  // The date and time up to the second, remade only when the second changes. A sink calls its
+  // formatter under its own lock, as spdlog's pattern formatter also assumes.
+  std::time_t second_ = -1;
+  char secondText_[24] = {};
 };
 
 // "test:NAME": hands each record, formatted, to a function of a test.
