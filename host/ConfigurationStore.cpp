@@ -262,7 +262,9 @@ Future<bool> ConfigurationStore::set(const std::string& key, ConfigValue value, 
     }
     taken = !isDefault || entry.override.empty();
     const ConfigValue& now = *entry.effective();
-    if (!before || !(*before == now)) {
+    // A set under another label is in force and reaches the subscribers even when it repeats the
+    // value, so that setting a value again applies it again (an access log reopens its file).
+    if (!isDefault || !before || !(*before == now)) {
       for (const auto& subscription : entry.subscriptions) {
         subscription->enqueue(now);
       }

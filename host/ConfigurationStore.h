@@ -18,8 +18,11 @@
 // alternative.
 //
 // observe(key) gives a Publisher. Each subscription first receives the key's effective value
-// (if it has one), then every change of it, in the order of the set() calls that made them; a
-// set() that leaves the effective value as it was delivers nothing. Values are sent only as
+// (if it has one), then every change of it, in the order of the set() calls that made them. A
+// set() under a label other than "default" delivers its value even when it is the value already in
+// force, so that setting a value again makes its subscribers apply it again (an access log reopens
+// its file, after a rename say); a set() under "default" that leaves the effective value as it was
+// delivers nothing. Values are sent only as
 // far as the subscriber has requested them (request(0) asks for nothing); the others wait, in
 // order, for demand. After cancel() returns, the subscriber is never called again, and no call
 // to it is still running unless cancel() was made from inside that call. The stream has no
