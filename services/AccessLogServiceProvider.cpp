@@ -287,6 +287,21 @@ class Writer : public std::enable_shared_from_this<Writer> {
     wake_.notify_one();
   }
 
+  // Shares `output` so that its last owner hands it to `writer`'s thread, which destroys it: a
+  // request that held it last (its line dropped or not selected) never closes a file. Destroyed
+  // at once when the writer is gone.
+  static std::shared_ptr<const Output> owned(const std::shared_ptr<Writer>& writer, Output&& output) {
+    const auto release = [writer = std::weak_ptr<Writer>(writer)](const Output* last) {
+      std::unique_ptr<const Output> owner(last);
+      if (const std::shared_ptr<Writer> alive = writer.lock()) {
+        std::lock_guard<std::mutex> lock(alive->mutex_);
+        alive->released_.push_back(std::move(owner));
+        alive->wake_.notify_one();
+      }
+    };
+    return std::shared_ptr<const Output>(new Output(std::move(output)), release);
+  }
+
   std::atomic<std::uint64_t> written{0};
   std::atomic<std::uint64_t> failed{0};
 
@@ -294,12 +309,14 @@ class Writer : public std::enable_shared_from_this<Writer> {
   void run();
 
   std::mutex mutex_;
-  std::condition_variable wake_;  // the queue got an entry, or stopping_ was set
+  std::condition_variable wake_;  // an entry was queued or released, or stopping_ was set
   std::condition_variable idle_;  // handled_ grew
   std::deque<Entry> queue_;       // guarded by mutex_
   std::uint64_t queued_ = 0;      // guarded by mutex_; entries queued so far
   std::uint64_t handled_ = 0;     // guarded by mutex_; entries written, failed or let go so far
   bool stopping_ = false;         // guarded by mutex_
+  // Guarded by mutex_; outputs let go by their last owner, for this thread to destroy.
+  std::vector<std::unique_ptr<const Output>> released_;
 };
 
 // The writers alive, for the exit handler. Never destroyed, so that it outlives every writer
@@ -344,24 +361,26 @@ std::shared_ptr<Writer> Writer::start() {
 
 void Writer::run() {
   std::deque<Entry> batch;
+  std::vector<std::unique_ptr<const Output>> released;
   std::size_t done = 0;
   for (;;) {
+    released.clear();  // outside the lock: closes the files of destinations let go
     {
       std::unique_lock<std::mutex> lock(mutex_);
       handled_ += done;
       idle_.notify_all();
-      wake_.wait(lock, [&] { return stopping_ || !queue_.empty(); });
-      if (queue_.empty()) {
+      wake_.wait(lock, [&] { return stopping_ || !queue_.empty() || !released_.empty(); });
+      if (queue_.empty() && released_.empty()) {
         return;
       }
       batch.swap(queue_);
+      released.swap(released_);
     }
     for (Entry& entry : batch) {
       foundation::log::line_destination& sink = *entry.output->sink;
       try {
         if (entry.line.empty()) {
           sink.flush();
-          entry.output.reset();  // a replaced destination is closed here, off the request path
           continue;
         }
         sink.write(entry.line);
@@ -376,7 +395,7 @@ void Writer::run() {
       }
     }
     done = batch.size();
-    batch.clear();  // outside the lock: the last owner of a destination closes it
+    batch.clear();  // hands the destinations this thread held last to released_
   }
 }
 
@@ -397,7 +416,10 @@ struct AccessLogServiceProvider::Core {
   std::atomic<std::uint64_t> failedToFormat{0};
   const std::shared_ptr<Writer> writer = Writer::start();
 
-  ~Core() { writer->stop(); }
+  ~Core() {
+    output.reset();  // handed to the writer before it is told to stop
+    writer->stop();
+  }
 
   // Held to read or replace `output`, never while a line is written or a file is opened.
   mutable std::mutex mutex;
@@ -416,9 +438,9 @@ struct AccessLogServiceProvider::Core {
     std::shared_ptr<const Output> previous;
     {
       std::lock_guard<std::mutex> lock(mutex);
-      auto next = std::make_shared<Output>(*output);
-      change(*next);
-      previous = std::exchange(output, std::move(next));
+      Output next = *output;
+      change(next);
+      previous = std::exchange(output, Writer::owned(writer, std::move(next)));
     }
     writer->push(Writer::Entry{std::move(previous), std::string()});
   }
@@ -509,9 +531,9 @@ AccessLogServiceProvider::AccessLogServiceProvider(
     std::shared_ptr<configuration::Configuration> configuration, const std::string& name)
     : core_(std::make_shared<Core>(name)) {
   {
-    auto output = std::make_shared<Output>();
-    output->sink = openDestination(kDefaultDestination);
-    core_->output = std::move(output);
+    Output output;
+    output.sink = openDestination(kDefaultDestination);
+    core_->output = Writer::owned(core_->writer, std::move(output));
   }
   if (!configuration) {
     return;

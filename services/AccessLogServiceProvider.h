@@ -53,8 +53,9 @@
 // the caller's, whatever the destination (a pipe nobody reads holds no caller): a line that finds
 // its bounded queue (8,192 lines) full is dropped and counted, and one that cannot be written is
 // counted (failedWrites()). "async:DEST" is accepted and writes to DEST through that same queue.
-// A replaced destination is flushed and closed by that thread, after the lines queued for it. At
-// normal exit every selected line is written, even of a provider that is never destroyed.
+// A replaced destination is flushed and closed by that thread, after the lines queued for it, even
+// when a request let go of it last. At normal exit every selected line is written, even of a
+// provider that is never destroyed.
 //
 // Ownership: the provider keeps one canceller per key and shares its settings and destination
 // with the continuations of requests still pending, so a request that completes after the
