@@ -104,10 +104,12 @@ bool runLine(AdminClient& client, const std::string& line, bool& quit) {
   for (host::admin::Word& word : words) {
     texts.push_back(std::move(word.text));
   }
-  // The shell's `config SUB ...` is the server's connector.config.SUB.
+  // The shell's `config SUB ...` is the server's connector.config.SUB, its `send` connector.send.
   if (texts.size() > 1 && texts[0] == "config") {
     texts.erase(texts.begin());
     texts[0] = "connector.config." + texts[0];
+  } else if (texts[0] == "send") {
+    texts[0] = "connector.send";
   }
   Response response{Status::error, ""};
   try {

@@ -45,6 +45,10 @@ const char* const kApiAddress = "api";
 const char* const kFlakyAddress = "flaky";
 const char* const kLogChannel = "connector.shell";
 const char* const kMessageTypes = "ping, greeting, order";
+const char* const kSendCommand = "connector.send";
+const char* const kSendDescription =
+    "Send a message: ADDRESS TYPE [TEXT] [-n COUNT] (TYPE: ping, greeting or order); answers the answer, "
+    "or for COUNT messages a count of their answers and the last one.";
 
 const char* const kUsage =
     R"(Usage: connector-shell [--script FILE] [--config FILE] [--log-dir DIR] [--help] [--version]
@@ -74,7 +78,8 @@ Options:
                   ignored; no --script
   --connect SOCKET  run administration commands on the server at SOCKET: those of -c and
                   --script, else those typed at the prompt ("help" lists the server's);
-                  "config get|set|list ..." runs the server's connector.config.get|set|list
+                  "config get|set|list ..." runs the server's connector.config.get|set|list,
+                  "send ..." its connector.send
   -c 'COMMAND ARGS'  with --connect, one command to run (repeatable); prints exactly the
                   answers' texts; exit status 1 if one failed, 2 if the server was not reached
 
@@ -243,9 +248,15 @@ Shell::Shell(std::ostream& out, std::ostream& err)
   logCommands_ = std::make_unique<common_services::LoggingCommandProvider>(registry_);
   logOperations_ = std::make_unique<common_services::LogOperationsCommandProvider>(registry_);
   configCommands_ = std::make_unique<host::ConfigurationCommands>(registry_, configuration_);
+  // `send` as an administration command, so that a client of the served host can send too.
+  registry_->registerCommand(administration::Command{
+      kSendCommand, kSendDescription,
+      [this](std::vector<std::string>&& arguments) { return sendMessages(arguments); }, 2, 5});
 }
 
-Shell::~Shell() = default;
+Shell::~Shell() {
+  registry_->unregisterCommand(kSendCommand);
+}
 
 bool Shell::run(const std::string& line) {
   std::vector<Word> words;
@@ -288,31 +299,39 @@ bool Shell::run(const std::string& line) {
   return succeeded;
 }
 
-bool Shell::send(const std::vector<Word>& all) {
+bool Shell::send(const std::vector<Word>& words) {
+  std::vector<std::string> arguments;
+  for (std::size_t i = 1; i < words.size(); ++i) {
+    arguments.push_back(words[i].text);
+  }
+  try {
+    out_ << host::printable(sendMessages(arguments)) << std::endl;
+  } catch (const std::exception& error) {
+    return fail(error.what());
+  }
+  return true;
+}
+
+std::string Shell::sendMessages(std::vector<std::string> words) {
   // A trailing "-n COUNT" sends COUNT messages at once, a burst in one line.
-  std::vector<Word> words = all;
   unsigned long count = 1;
-  if (words.size() >= 5 && !words[words.size() - 2].quoted && words[words.size() - 2].text == "-n") {
-    const std::string& text = words.back().text;
+  if (words.size() >= 4 && words[words.size() - 2] == "-n") {
+    const std::string& text = words.back();
     if (text.empty() || text.size() > 7 || text.find_first_not_of("0123456789") != std::string::npos ||
         (count = std::stoul(text)) == 0) {
-      return fail("send -n takes a COUNT from 1 to 9999999, not " + host::quoted(text, host::kEchoLimit));
+      throw std::invalid_argument("send -n takes a COUNT from 1 to 9999999, not " +
+                                  host::quoted(text, host::kEchoLimit));
     }
     words.resize(words.size() - 2);
   }
-  if (words.size() < 3 || words.size() > 4) {
-    const std::size_t given = words.size() - 1;
-    return fail("send takes ADDRESS TYPE [TEXT] [-n COUNT], but was given " + std::to_string(given) +
-                (given == 1 ? " word" : " words") + "; quote a TEXT that has blanks");
+  if (words.size() < 2 || words.size() > 3) {
+    throw std::invalid_argument("send takes ADDRESS TYPE [TEXT] [-n COUNT], but was given " +
+                                plural(words.size(), "word") + "; quote a TEXT that has blanks");
   }
   std::vector<Future<std::unique_ptr<Message>>> answers;
-  try {
-    for (unsigned long i = 0; i < count; ++i) {
-      answers.push_back(connector_->send(
-          makeMessage(words[2].text, words.size() == 4 ? &words[3].text : nullptr), Address(words[1].text)));
-    }
-  } catch (const std::invalid_argument& error) {
-    return fail(error.what());
+  for (unsigned long i = 0; i < count; ++i) {
+    answers.push_back(
+        connector_->send(makeMessage(words[1], words.size() == 3 ? &words[2] : nullptr), Address(words[0])));
   }
   std::string last;
   std::size_t failed = 0;
@@ -326,19 +345,17 @@ bool Shell::send(const std::vector<Word>& all) {
   }
   access_->flush();  // the access log's lines of these requests go before the answer
   if (count == 1 && failed == 1) {
-    return fail(last);
+    throw std::runtime_error(last);
   }
   if (count == 1) {
-    out_ << host::printable(last) << std::endl;
-    return true;
+    return last;
   }
   const std::string summary = std::to_string(count) + " sent, " + std::to_string(count - failed) +
                               " answered, " + std::to_string(failed) + " failed; the last: " + last;
   if (failed > 0) {
-    return fail(summary);
+    throw std::runtime_error(summary);
   }
-  out_ << host::printable(summary) << std::endl;
-  return true;
+  return summary;
 }
 
 bool Shell::config(const std::vector<Word>& words) {

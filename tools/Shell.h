@@ -67,6 +67,10 @@ class Shell {
   using Word = host::admin::Word;
 
   bool send(const std::vector<Word>& words);
+  // What send ADDRESS TYPE [TEXT] [-n COUNT] prints, from the words after "send"; throws
+  // std::invalid_argument for words it cannot use and std::runtime_error when an answer failed.
+  // Also the handler of connector.send, on the administration server's threads.
+  std::string sendMessages(std::vector<std::string> words);
   bool config(const std::vector<Word>& words);
   bool help(const std::vector<Word>& words);
   bool fail(const std::string& text);

@@ -1,6 +1,6 @@
 #!/bin/sh
 # Two processes: connector-shell --serve in the background, and connector-shell --connect running
-# commands on it with -c and --script. Checks the answers, the exit statuses (0 all succeeded, 1
+# commands on it with -c and --script (send included). Checks the answers, the exit statuses (0 all succeeded, 1
 # one failed, 2 no server), that SIGHUP reopens the log and SIGUSR1/2 are ignored, and that SIGTERM stops the server cleanly and removes its socket.
 # Usage: admin-test.sh SHELL
 set -u
@@ -70,6 +70,12 @@ access.format = "json" (string, label "operator")
 access.sampleEvery = 3 (int, label "ops")' 'error: command "connector.config.set" failed: access.sampleEvery = 0 was refused by a subscriber and not kept: access.sampleEvery refused 0 (int): it takes an int of at least 1; the setting stays 3' \
   -- --connect "$work/s" -c 'config get access.sampleEvery' -c 'config set access.format json' \
   -c 'config set access.sampleEvery 0' -c 'config list access.sampleEvery'
+
+# The shell's send is the server's connector.send (the access log is silenced: the server's
+# standard output is the FIFO read below).
+check "send over the socket" 1 'access.destination = "null" (string, label "operator")
+answer: demo::Greeting "hi"' 'error: command "connector.send" failed: 4 sent, 3 answered, 1 failed; the last: answer: demo::Ping' \
+  -- --connect "$work/s" -c 'config set access.destination null' -c 'send api greeting hi' -c 'send flaky ping -n 4'
 
 "$shell" --connect "$work/s" -c help >"$work/out" 2>&1
 grep -q '^connector.log.getChannels ' "$work/out" || fail "help does not list the server's commands: $(cat "$work/out")"
