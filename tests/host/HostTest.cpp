@@ -31,12 +31,10 @@
 #include "host/CommandRegistry.h"
 #include "host/ConfigurationStore.h"
 #include "host/Connector.h"
-#include "services/AccessLogServiceProvider.h"
 #include "services/EchoServiceProvider.h"
 #include "tests/support/AdminPeer.h"
 #include "tests/support/CountedMessage.h"
 #include "tests/support/FailingAllocation.h"
-#include "tests/support/FakeContext.h"
 #include "tests/support/TempDirectory.h"
 
 namespace connector {
@@ -246,34 +244,6 @@ TEST(ConfigurationStore, ASubscriptionGetsTheCurrentValueThenEachChangeAsRequest
   store.set("k", 6, "other");
   EXPECT_EQ(subscriber->values, (std::vector<int>{1, 2, 2, 3, 4, 5}));
   EXPECT_EQ(inside->values, (std::vector<int>{4, 5}));
-}
-
-// Setting an access log's destination again, after its file was renamed, reopens the file: the
-// renamed file and the new one hold every line once, in order.
-TEST(ConfigurationStore, SettingADestinationAgainReopensItsFile) {
-  test_support::TempDirectory directory;
-  const std::string file = directory / "acc.log";
-  auto store = std::make_shared<host::ConfigurationStore>();
-  common_services::AccessLogServiceProvider log(store, "acc");
-  const auto setAndSend = [&] {
-    store->set("acc.destination", "file:" + file, "operator");
-    for (int i = 0; i < 100; ++i) {
-      log.deliver(std::make_unique<CountedMessage>(), Address("a"),
-                  std::make_shared<test_support::FakeContext>(test_support::echoing()));
-    }
-    log.flush();
-  };
-  setAndSend();
-  std::filesystem::rename(file, file + ".1");
-  setAndSend();
-  std::vector<std::string> lines = test_support::TempDirectory::lines(file + ".1");
-  const std::vector<std::string> reopened = test_support::TempDirectory::lines(file);
-  ASSERT_EQ(reopened.size(), 100u);
-  lines.insert(lines.end(), reopened.begin(), reopened.end());
-  ASSERT_EQ(lines.size(), 200u);
-  for (std::size_t i = 0; i < lines.size(); ++i) {
-    EXPECT_EQ(lines[i].substr(0, lines[i].find(' ')), std::to_string(i));
-  }
 }
 
 // Setters on several threads while subscribers come and go: a subscriber that stays sees each

@@ -386,30 +386,36 @@ TEST(AccessLogWriter, ANormalExitWritesEverySelectedLine) {
   EXPECT_EQ(TempDirectory::lines(file).size(), 8000u);
 }
 
-// The process log's reopen reopens an access log's file too, even when it cannot reopen its own:
-// across a rename while lines are on their way, the renamed file and the new one hold every line once, in
-// order.
+// The process log's reopen reopens an access log's file too, even when it cannot reopen its own,
+// and so does setting the destination again to the same file: across a rename while lines are on
+// their way, the renamed file and the new one hold every line once, in order.
 TEST(AccessLogWriter, AReopenAfterARenameLosesAndDoublesNoLine) {
-  Log log;
-  const auto send = [&] {
-    for (int i = 0; i < 1000; ++i) {
-      deliver(log.provider, std::make_unique<app::Ping>(), echoing());
+  for (const bool setAgain : {false, true}) {
+    Log log;
+    const auto send = [&] {
+      for (int i = 0; i < 1000; ++i) {
+        deliver(log.provider, std::make_unique<app::Ping>(), echoing());
+      }
+    };
+    std::thread sender(send);
+    while (log.provider.lineCounts().written < 500) {
+      std::this_thread::yield();
     }
-  };
-  std::thread sender(send);
-  while (log.provider.lineCounts().written < 500) {
-    std::this_thread::yield();
-  }
-  std::rename(log.file.c_str(), (log.file + ".1").c_str());
-  EXPECT_THROW(foundation::log::reopen(), std::invalid_argument);  // stderr has no file to reopen
-  sender.join();
-  send();
-  std::vector<std::string> lines = log.lines(), renamed = TempDirectory::lines(log.file + ".1");
-  EXPECT_GE(lines.size(), 1000u);
-  lines.insert(lines.begin(), renamed.begin(), renamed.end());
-  ASSERT_EQ(lines.size(), 2000u);
-  for (std::size_t i = 0; i < lines.size(); ++i) {
-    EXPECT_EQ(lines[i].substr(0, lines[i].find(' ')), std::to_string(i));
+    std::rename(log.file.c_str(), (log.file + ".1").c_str());
+    if (setAgain) {
+      log.configuration->send("access.destination", "file:" + log.file);
+    } else {
+      EXPECT_THROW(foundation::log::reopen(), std::invalid_argument);  // stderr has no file to reopen
+    }
+    sender.join();
+    send();
+    std::vector<std::string> lines = log.lines(), renamed = TempDirectory::lines(log.file + ".1");
+    EXPECT_GE(lines.size(), 1000u);
+    lines.insert(lines.begin(), renamed.begin(), renamed.end());
+    ASSERT_EQ(lines.size(), 2000u);
+    for (std::size_t i = 0; i < lines.size(); ++i) {
+      EXPECT_EQ(lines[i].substr(0, lines[i].find(' ')), std::to_string(i));
+    }
   }
 }
 
