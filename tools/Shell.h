@@ -3,7 +3,8 @@
 //
 // The host: an EchoServiceProvider "echo" behind a LoggingServiceProvider "svc" on the address
 // "echo" (svc writes its lines to the shell's output), a ConnectorCommandProvider, a
-// LoggingCommandProvider and a LogOperationsCommandProvider. A line is split into words at blanks; double
+// LoggingCommandProvider, a LogOperationsCommandProvider and the command connector.send (the
+// shell's send, for clients of the served registry). A line is split into words at blanks; double
 // quotes group a word (a backslash inside them escapes the next character). Results go to `out`; each error
 // is one line "error: ..." on `err`, written after `out` has been flushed so that the two stay in order on a
 // terminal. Whatever came from a user (answers, values, svc's prefix, echoed input) is printed with its
