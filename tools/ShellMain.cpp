@@ -1,5 +1,6 @@
 // connector-shell: reads commands from a script, a pipe or a terminal and runs them on a Shell.
 // See Shell::usage() (or --help) for what it offers.
+#include <malloc.h>
 #include <pthread.h>
 #include <signal.h>
 #include <sys/select.h>
@@ -233,6 +234,13 @@ bool configure(connector::host::CommandRegistry& registry, const std::string& pa
 }  // namespace
 
 int main(int argc, char** argv) {
+#ifdef __GLIBC__
+  // A fixed mmap threshold (glibc's default, 128 KiB) keeps large blocks such as the process
+  // log's async: queue in mappings of their own, given back when freed. Left dynamic, glibc
+  // raises it once the first queue is freed and keeps later queues' pages in the arenas of the
+  // threads that opened them, one per arena (README: memory across async: switches).
+  mallopt(M_MMAP_THRESHOLD, 128 * 1024);
+#endif
   std::string script;
   std::string logDirectory = ".";
   std::string serveSocket;
