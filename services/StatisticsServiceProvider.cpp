@@ -153,7 +153,7 @@ struct StatisticsServiceProvider::State {
 
 StatisticsServiceProvider::StatisticsServiceProvider(
     std::shared_ptr<administration::Administration> administration, const std::string& name)
-    : state_(std::make_shared<State>()), commands_(administration) {
+    : name_(name), state_(std::make_shared<State>()), commands_(administration) {
   if (!administration) {
     return;
   }
@@ -184,6 +184,15 @@ StatisticsServiceProvider::StatisticsServiceProvider(
 }
 
 StatisticsServiceProvider::~StatisticsServiceProvider() = default;
+
+const std::string& StatisticsServiceProvider::name() const noexcept {
+  return name_;
+}
+
+// Placeholder until the counters move to the log-linear histogram: no type yet.
+std::vector<StatisticsServiceProvider::TypeSnapshot> StatisticsServiceProvider::snapshot() const {
+  return {};
+}
 
 Future<MessagePtr> StatisticsServiceProvider::deliver(MessagePtr&& message, Address&& address,
                                                       std::shared_ptr<Context>&& context) {

@@ -41,6 +41,7 @@
 // 2,048 in flight plus 8 for each of those 64 threads.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -49,6 +50,7 @@
 #include "framework/Administration.h"
 #include "framework/CommandRegistrations.h"
 #include "framework/ServiceProvider.h"
+#include "services/LatencySnapshot.h"
 
 namespace connector {
 namespace common_services {
@@ -71,9 +73,27 @@ class CONNECTOR_EXPORT StatisticsServiceProvider : public connector::ServiceProv
   Future<std::unique_ptr<Message>> deliver(std::unique_ptr<Message>&& message, Address&& address,
                                            std::shared_ptr<Context>&& context) override;
 
+  // One message type's figures, cumulative since the provider was made: NAME.statistics.reset
+  // does not touch them, so an exporter's counters never go back.
+  struct TypeSnapshot {
+    std::string type;             // as the commands name it
+    std::uint64_t succeeded = 0;  // completed with an answer
+    std::uint64_t failed = 0;     // completed with an exception
+    std::uint64_t inflight = 0;   // delivered and not yet completed
+    LatencySnapshot latency;      // of the completed requests, failures included
+  };
+
+  // The figures of every type seen, sorted by type. Any thread, while deliveries go on; a
+  // request completed before the call is in it.
+  std::vector<TypeSnapshot> snapshot() const;
+
+  // The name given at construction, which prefixes the commands.
+  const std::string& name() const noexcept;
+
  private:
   struct State;
 
+  const std::string name_;
   const std::shared_ptr<State> state_;
   administration::CommandRegistrations commands_;
 };
