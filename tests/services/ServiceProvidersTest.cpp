@@ -279,6 +279,7 @@ TEST(AccessLogSelection, FollowsThePrecedenceForEveryCombination) {
               for (const std::string& line : log.lines()) {
                 written += line.substr(0, line.find(' ') + 1);
               }
+              EXPECT_EQ(log.provider.lineCounts().selectedOut, enabled ? 2 - expected.size() / 2 : 0);
               EXPECT_EQ(written, expected)
                   << enabled << errorsOnly << slowerThanUs << sampleEvery << excluded << fails;
             }
