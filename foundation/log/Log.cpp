@@ -228,6 +228,7 @@ class ProcessLog {
     }
     const detail::queue_counts counts = detail::queue_counts_of(*sink);
     router_->count(snapshot);
+    snapshot.rotations = detail::rotations();
     snapshot.dropped = retiredDrops_ + counts.dropped;
     snapshot.queued = counts.queued;
     return snapshot;
