@@ -33,6 +33,8 @@
 #include <string>
 #include <vector>
 
+#include "services/LatencySnapshot.h"
+
 namespace connector {
 namespace common_services {
 namespace detail {
@@ -44,8 +46,8 @@ constexpr std::uint64_t kLatencyRangeNanoseconds = std::uint64_t{1} << kRangeBit
 // Buckets below the overflow: 2 * kSubBuckets for [0, 256) ns, then kSubBuckets per power of two.
 constexpr std::size_t kLogLinearBuckets = (kRangeBits - kSubBucketBits + 1) * kSubBuckets;
 constexpr std::size_t kLatencyOverflowBucket = kLogLinearBuckets;
-// What a percentile in the overflow bucket reads as; no recorded latency reaches it.
-constexpr std::uint64_t kBeyondRange = std::numeric_limits<std::uint64_t>::max();
+using common_services::kBeyondRange;
+using common_services::LatencySnapshot;
 
 inline std::uint64_t nonNegativeNanoseconds(std::int64_t elapsed) {
   return elapsed < 0 ? 0 : static_cast<std::uint64_t>(elapsed);
@@ -124,44 +126,6 @@ struct alignas(64) LatencyBlock {
 
 static_assert(sizeof(LatencyBlock) <= 64 * 1024, "a thread's block for one type stays within 64 KiB");
 
-// A plain, copyable picture of the latencies counted by some blocks.
-struct LatencySnapshot {
-  struct Bucket {
-    std::uint64_t lower = 0;  // nanoseconds, inclusive
-    std::uint64_t upper = 0;  // nanoseconds, exclusive
-    std::uint64_t count = 0;
-  };
-
-  std::uint64_t count = 0;  // every latency counted, overflow included
-  std::uint64_t sumNanoseconds = 0;
-  std::uint64_t maxNanoseconds = 0;  // exact, even beyond the range; 0 when nothing was counted
-  std::uint64_t overflow = 0;        // latencies of kLatencyRangeNanoseconds and more
-  std::vector<Bucket> buckets;       // the non-empty ones below the overflow, in ascending order
-
-  std::uint64_t meanNanoseconds() const { return count == 0 ? 0 : sumNanoseconds / count; }
-
-  // The latency at rank ceil(percent / 100 * count) in ascending order (1-based, kept within 1 and
-  // count, so 0 reads the smallest and 100 the largest): the smallest latency that at least
-  // `percent` % of the requests did not exceed. 0 when nothing was counted; kBeyondRange when
-  // that rank falls in the overflow bucket.
-  std::uint64_t percentileNanoseconds(double percent) const {
-    if (count == 0) {
-      return 0;
-    }
-    const double wanted = std::ceil(percent / 100.0 * static_cast<double>(count));
-    const std::uint64_t rank = std::min(count, static_cast<std::uint64_t>(std::max(wanted, 1.0)));
-    std::uint64_t seen = 0;
-    for (const Bucket& bucket : buckets) {
-      seen += bucket.count;
-      if (seen >= rank) {
-        const std::uint64_t middle = bucket.lower + (bucket.upper - bucket.lower) / 2;
-        return std::min(middle, maxNanoseconds);
-      }
-    }
-    return kBeyondRange;
-  }
-};
-
 // Adds blocks up into a snapshot. Any thread; the blocks may be recorded meanwhile. It reads and
 // writes only the cache lines of buckets that have counted, so merging a block costs what its
 // latencies spread over, not 36 KiB. It holds its counts in itself (about 36 KiB) rather than on
@@ -227,6 +191,30 @@ class LatencyMerge {
   std::uint64_t sum_ = 0;
   std::uint64_t max_ = 0;
 };
+
+// What `now` counted beyond `before`, an earlier snapshot of the same latencies (whose buckets
+// are therefore among those of `now`, each with no larger a count). The maximum of the difference
+// cannot be read from the two, so the caller gives it: `maxNanoseconds`.
+inline LatencySnapshot latenciesSince(const LatencySnapshot& now, const LatencySnapshot& before,
+                                      std::uint64_t maxNanoseconds) {
+  LatencySnapshot since;
+  since.count = now.count - std::min(now.count, before.count);
+  since.sumNanoseconds = now.sumNanoseconds - std::min(now.sumNanoseconds, before.sumNanoseconds);
+  since.overflow = now.overflow - std::min(now.overflow, before.overflow);
+  since.maxNanoseconds = maxNanoseconds;
+  auto earlier = before.buckets.begin();
+  for (const LatencySnapshot::Bucket& bucket : now.buckets) {
+    while (earlier != before.buckets.end() && earlier->lower < bucket.lower) {
+      ++earlier;
+    }
+    const std::uint64_t old =
+        earlier != before.buckets.end() && earlier->lower == bucket.lower ? earlier->count : 0;
+    if (bucket.count > old) {
+      since.buckets.push_back({bucket.lower, bucket.upper, bucket.count - old});
+    }
+  }
+  return since;
+}
 
 // Nanoseconds as microseconds with three significant digits, so no latency reads as a bare zero:
 // 412 -> "0.412", 1234 -> "1.23", 12345 -> "12.3"; from 100 us on, whole microseconds (118000 ->
