@@ -267,6 +267,11 @@ class Writer : public std::enable_shared_from_this<Writer> {
       }
       queue_.push_back(std::move(entry));
       ++queued_;
+      // Only a sleeping writer needs the (system) call; a busy one finds the line anyway.
+      if (!sleeping_) {
+        return true;
+      }
+      sleeping_ = false;
     }
     wake_.notify_one();
     return true;
@@ -276,7 +281,9 @@ class Writer : public std::enable_shared_from_this<Writer> {
   void flush() {
     std::unique_lock<std::mutex> lock(mutex_);
     const std::uint64_t target = queued_;
+    ++flushing_;
     idle_.wait(lock, [&] { return handled_ >= target; });
+    --flushing_;
   }
 
   void stop() {
@@ -315,6 +322,8 @@ class Writer : public std::enable_shared_from_this<Writer> {
   std::uint64_t queued_ = 0;      // guarded by mutex_; entries queued so far
   std::uint64_t handled_ = 0;     // guarded by mutex_; entries written, failed or let go so far
   bool stopping_ = false;         // guarded by mutex_
+  bool sleeping_ = false;         // guarded by mutex_; the thread waits on wake_ for work
+  unsigned flushing_ = 0;         // guarded by mutex_; threads waiting in flush()
   // Guarded by mutex_; outputs let go by their last owner, for this thread to destroy.
   std::vector<std::unique_ptr<const Output>> released_;
 };
@@ -368,8 +377,14 @@ void Writer::run() {
     {
       std::unique_lock<std::mutex> lock(mutex_);
       handled_ += done;
-      idle_.notify_all();
-      wake_.wait(lock, [&] { return stopping_ || !queue_.empty() || !released_.empty(); });
+      if (flushing_ > 0) {
+        idle_.notify_all();
+      }
+      while (!stopping_ && queue_.empty() && released_.empty()) {
+        sleeping_ = true;
+        wake_.wait(lock);
+      }
+      sleeping_ = false;
       if (queue_.empty() && released_.empty()) {
         return;
       }
