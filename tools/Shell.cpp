@@ -47,8 +47,9 @@ const char* const kLogChannel = "connector.shell";
 const char* const kMessageTypes = "ping, greeting, order";
 
 const char* const kUsage =
-    R"(Usage: connector-shell [--script FILE] [--config FILE] [--log-dir DIR] [--help] [--version]
-       connector-shell --serve SOCKET [--config FILE] [--log-dir DIR]
+    R"(Usage: connector-shell [--script FILE] [--config FILE] [--log-dir DIR] [--http HOST:PORT] [--help]
+                       [--version]
+       connector-shell --serve SOCKET [--config FILE] [--log-dir DIR] [--http HOST:PORT]
        connector-shell --connect SOCKET [-c 'COMMAND ARGS']... [--script FILE]
 
 An interactive host for the connector common services. It runs an EchoServiceProvider named
@@ -72,6 +73,10 @@ Options:
                   Unix socket SOCKET (mode 0600; only this user and root are served) until
                   SIGINT or SIGTERM; SIGHUP reopens the log files, SIGUSR1 and SIGUSR2 are
                   ignored; no --script
+  --http HOST:PORT  also serve the host's figures over HTTP, read-only: GET /metrics (Prometheus
+                  text format), GET / (a status page) and GET /healthz; HOST is an IP address,
+                  such as 127.0.0.1:9464 or [::1]:9464 (port 0: any free port, printed); any
+                  address but loopback lets everyone who can reach the port read the figures
   --connect SOCKET  run administration commands on the server at SOCKET: those of -c and
                   --script, else those typed at the prompt ("help" lists the server's);
                   "config get|set|list ..." runs the server's connector.config.get|set|list
@@ -234,8 +239,8 @@ Shell::Shell(std::ostream& out, std::ostream& err)
   connector_->setRoute(kEchoAddress, {kLoggerName, kEchoName});
   access_ = std::make_shared<common_services::AccessLogServiceProvider>(configuration_, kAccessName);
   connector_->addServiceProvider(kAccessName, access_);
-  connector_->addServiceProvider(
-      kMetricsName, std::make_shared<common_services::StatisticsServiceProvider>(registry_, kMetricsName));
+  statistics_ = std::make_shared<common_services::StatisticsServiceProvider>(registry_, kMetricsName);
+  connector_->addServiceProvider(kMetricsName, statistics_);
   connector_->addServiceProvider(kFlakyName, std::make_shared<demo::FlakyServiceProvider>());
   connector_->setRoute(kApiAddress, {kAccessName, kMetricsName, kEchoName});
   connector_->setRoute(kFlakyAddress, {kAccessName, kMetricsName, kFlakyName});
@@ -246,6 +251,15 @@ Shell::Shell(std::ostream& out, std::ostream& err)
 }
 
 Shell::~Shell() = default;
+
+host::MonitoringSources Shell::monitoringSources() const {
+  host::MonitoringSources sources;
+  sources.statistics = {statistics_};
+  sources.accessLogs = {access_};
+  sources.connector = connector_;
+  sources.version = CONNECTOR_SHELL_VERSION;
+  return sources;
+}
 
 bool Shell::run(const std::string& line) {
   std::vector<Word> words;
