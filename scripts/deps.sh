@@ -6,7 +6,7 @@ packages=(g++ cmake ninja-build pkg-config libboost-dev libboost-thread-dev libs
   nlohmann-json3-dev
   libgtest-dev libgmock-dev libbenchmark-dev libreadline-dev)
 if [ "${1:-build}" = test ]; then
-  packages+=(clang libclang-rt-14-dev tmux)
+  packages+=(clang libclang-rt-14-dev tmux prometheus chromium curl)
 fi
 missing=()
 for p in "${packages[@]}"; do

@@ -393,6 +393,7 @@ struct AccessLogServiceProvider::Core {
   std::atomic<int> sampleEvery{1};
   std::atomic<std::uint64_t> nextNumber{0};
   std::atomic<std::uint64_t> selected{0};
+  std::atomic<std::uint64_t> notSelected{0};  // numbered requests that completed unselected
   std::atomic<std::uint64_t> dropped{0};
   std::atomic<std::uint64_t> failedToFormat{0};
   const std::shared_ptr<Writer> writer = Writer::start();
@@ -428,6 +429,7 @@ struct AccessLogServiceProvider::Core {
               tick_clock::time_point start, const Outcome& outcome) noexcept {
     try {
       if (!enabled.load(std::memory_order_relaxed)) {
+        notSelected.fetch_add(1, std::memory_order_relaxed);
         return;
       }
       // An ok request that no latency threshold watches and no sample takes needs no second
@@ -437,16 +439,19 @@ struct AccessLogServiceProvider::Core {
           !errorsOnly.load(std::memory_order_relaxed) &&
           number % static_cast<std::uint64_t>(sampleEvery.load(std::memory_order_relaxed)) == 0;
       if (outcome.ok() && slowUs == 0 && !sampled) {
+        notSelected.fetch_add(1, std::memory_order_relaxed);
         return;
       }
       const tick_clock::duration elapsed = std::max(tick_clock::now() - start, tick_clock::duration::zero());
       const std::int64_t elapsedUs = std::chrono::duration_cast<std::chrono::microseconds>(elapsed).count();
       if (outcome.ok() && !sampled && !(slowUs > 0 && elapsedUs >= slowUs)) {
+        notSelected.fetch_add(1, std::memory_order_relaxed);
         return;
       }
       const std::shared_ptr<const Output> out = currentOutput();
       const std::string_view name = detail::messageTypeName(type);
       if (outcome.ok() && out->excludes(name)) {
+        notSelected.fetch_add(1, std::memory_order_relaxed);
         return;
       }
       selected.fetch_add(1, std::memory_order_relaxed);
@@ -626,6 +631,7 @@ std::uint64_t AccessLogServiceProvider::failedWrites() const noexcept {
 AccessLogServiceProvider::LineCounts AccessLogServiceProvider::lineCounts() const noexcept {
   LineCounts counts;
   counts.selected = core_->selected.load();
+  counts.selectedOut = core_->notSelected.load();
   counts.written = core_->writer->written.load();
   counts.dropped = core_->dropped.load();
   counts.failed = failedWrites();

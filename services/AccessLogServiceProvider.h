@@ -99,10 +99,11 @@ class CONNECTOR_EXPORT AccessLogServiceProvider : public connector::ServiceProvi
   // Lines since construction. Once flush() has returned, selected = written + dropped + failed
   // for the lines selected before it was called.
   struct LineCounts {
-    std::uint64_t selected = 0;  // chosen by the settings
-    std::uint64_t written = 0;   // handed to the destination
-    std::uint64_t dropped = 0;   // found the writer's queue full
-    std::uint64_t failed = 0;    // as failedWrites()
+    std::uint64_t selected = 0;     // chosen by the settings
+    std::uint64_t selectedOut = 0;  // numbered (delivered while enabled), completed, not chosen
+    std::uint64_t written = 0;      // handed to the destination
+    std::uint64_t dropped = 0;      // found the writer's queue full
+    std::uint64_t failed = 0;       // as failedWrites()
   };
   LineCounts lineCounts() const noexcept;
 

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <exception>
 #include <map>
+#include <mutex>
 #include <stdexcept>
 #include <string_view>
 #include <tuple>
@@ -16,7 +17,7 @@
 #include "foundation/core/detail/TickClock.h"
 #include "services/detail/AnswerObserver.h"
 #include "services/detail/InFlightTable.h"
-#include "services/detail/LatencyHistogram.h"
+#include "services/detail/LogLinearHistogram.h"
 #include "services/detail/MessageTypeTable.h"
 #include "services/detail/SlowestRequests.h"
 #include "services/detail/StripedCounters.h"
@@ -32,9 +33,9 @@ using detail::increment;
 using detail::kOwnedStripes;
 using detail::kSharedStripe;
 using detail::kStripes;
-using detail::microseconds;
 using detail::Outcome;
 using detail::Sequence;
+using detail::TypeBlock;
 using detail::TypeStats;
 using foundation::core::detail::tick_clock;
 using Arguments = std::vector<std::string>;
@@ -46,12 +47,21 @@ constexpr const char* kInFlightSuffix = ".inflight";
 constexpr const char* kSlowestSuffix = ".slowest";
 
 constexpr const char* kStatisticsDescription =
-    "List per message type the requests completed, failed and in flight, and their latency percentiles "
-    "(optionally only the types that start with a prefix).";
-constexpr const char* kResetDescription = "Zero the request counts, latency histograms and the slowest list.";
-constexpr const char* kInFlightDescription = "List the requests in flight with their age, oldest first.";
+    "List per message type (optionally only the types that start with a prefix), since the last reset: "
+    "count = requests completed, failures included; failed = those that completed with an exception; "
+    "inflight = delivered and not yet completed; p50_us, p90_us, p99_us = latency percentiles and max_us, "
+    "mean_us = the longest and the mean latency, in microseconds to three significant digits; since_s = "
+    "the seconds these figures cover (since the provider started or was last reset).";
+constexpr const char* kResetDescription =
+    "Start the figures of NAME.statistics and the slowest list afresh (exporters' totals go on).";
+constexpr const char* kInFlightDescription =
+    "List the requests in flight, oldest first: thread = the delivering thread's number in the process "
+    "(64 for all threads after the first 64), request = that thread's count of requests to this provider, "
+    "then the message type and age_us, the time since delivery in microseconds.";
 constexpr const char* kSlowestDescription =
-    "List the slowest requests since the last reset, slowest first (default 10, at most 32).";
+    "List the slowest requests since the last reset, slowest first (default 10, at most 32): thread and "
+    "request as in NAME.inflight, then the message type, elapsed_us (its latency in microseconds) and "
+    "ok or the type of the exception it failed with.";
 
 constexpr std::string_view kOk = "ok";
 
@@ -71,17 +81,30 @@ std::uint64_t parseCount(const std::string& command, const std::string& text) {
   return count;
 }
 
+// "thread=T request=R" for a request number: the stripe that numbered it, and its place in that
+// stripe's sequence counted from 1.
+std::string requestLabel(std::uint64_t number) {
+  return "thread=" + std::to_string(number % kStripes) + " request=" + std::to_string(number / kStripes + 1);
+}
+
 }  // namespace
 
 struct StatisticsServiceProvider::State {
+  using Figures = std::vector<std::pair<const TypeStats*, TypeSnapshot>>;
+
   detail::MessageTypeTable<TypeStats> types;
   InFlightTable inFlight;
   detail::SlowestRequests slowest{kSlowestKept};
   std::array<Sequence, kStripes> sequences;
   std::atomic<std::uint64_t> epoch{0};  // moved on by each reset
+  // What the commands subtract: the figures at the last reset, by type name.
+  mutable std::mutex baselineMutex;
+  std::map<std::string, TypeSnapshot> baseline;                                    // guarded by baselineMutex
+  std::chrono::steady_clock::time_point since = std::chrono::steady_clock::now();  // guarded by baselineMutex
 
   void finish(InFlightTable::Ticket ticket, TypeStats& type, std::uint64_t number,
               tick_clock::time_point start, const Outcome& outcome) noexcept {
+    // A clock that went backwards (another core's reading) counts as 0 ns.
     const std::int64_t elapsed = std::max<std::int64_t>((tick_clock::now() - start).count(), 0);
     inFlight.leave(ticket, number);
     type.record(currentStripe(), epoch.load(std::memory_order_acquire), elapsed, !outcome.ok());
@@ -92,37 +115,80 @@ struct StatisticsServiceProvider::State {
     }
   }
 
-  std::string statistics(const Arguments& arguments) const {
-    const std::string_view prefix =
-        arguments.empty() ? std::string_view() : std::string_view(arguments.front());
+  // Every type's cumulative figures, sorted by name. A request's failure is published after its
+  // latency, and read before, so `failed` never exceeds the latencies counted.
+  Figures figures() const {
     std::map<const TypeStats*, std::uint64_t> inFlightByType;
     for (const InFlightTable::Request& request : inFlight.list()) {
       ++inFlightByType[request.type];
     }
-    std::string text;
-    const std::uint64_t current = epoch.load(std::memory_order_acquire);
+    Figures all;
+    detail::LatencyMerge merge;
     for (const TypeStats* type : types.all()) {
+      merge = detail::LatencyMerge();
+      TypeSnapshot figures;
+      figures.type = std::string(type->name);
+      for (const auto& slot : type->blocks) {
+        if (const TypeBlock* block = slot.load(std::memory_order_acquire)) {
+          figures.failed += block->failed.load(std::memory_order_acquire);
+          merge.add(block->latency);
+        }
+      }
+      figures.latency = merge.snapshot();
+      figures.succeeded = figures.latency.count - std::min(figures.failed, figures.latency.count);
+      const auto found = inFlightByType.find(type);
+      figures.inflight = found == inFlightByType.end() ? 0 : found->second;
+      all.emplace_back(type, std::move(figures));
+    }
+    return all;
+  }
+
+  std::string statistics(const Arguments& arguments) const {
+    const std::string_view prefix =
+        arguments.empty() ? std::string_view() : std::string_view(arguments.front());
+    const Figures now = figures();
+    const std::uint64_t current = epoch.load(std::memory_order_acquire);
+    std::string text;
+    std::lock_guard<std::mutex> lock(baselineMutex);
+    const std::string seconds = std::to_string(
+        std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - since).count());
+    for (const auto& [type, cumulative] : now) {
       if (type->name.substr(0, prefix.size()) != prefix) {
         continue;
       }
-      const TypeStats::Totals totals = type->total(current);
-      const detail::LatencySummary summary =
-          detail::summarizeLatencies(totals.counts, microseconds(totals.maxNanoseconds));
-      const auto found = inFlightByType.find(type);
-      const std::uint64_t inFlightCount = found == inFlightByType.end() ? 0 : found->second;
-      if (summary.count == 0 && inFlightCount == 0) {
+      const auto found = baseline.find(cumulative.type);
+      const TypeSnapshot none;
+      const TypeSnapshot& before = found == baseline.end() ? none : found->second;
+      const LatencySnapshot latency =
+          detail::latenciesSince(cumulative.latency, before.latency, type->maxSince(current));
+      if (latency.count == 0 && cumulative.inflight == 0) {
         continue;
       }
-      text += std::string(type->name) + " count=" + std::to_string(summary.count) +
-              " failed=" + std::to_string(totals.failed) + " inflight=" + std::to_string(inFlightCount) +
-              " p50_us=" + std::to_string(summary.p50) + " p90_us=" + std::to_string(summary.p90) +
-              " p99_us=" + std::to_string(summary.p99) + " max_us=" + std::to_string(summary.max) + "\n";
+      const auto us = [&](double percent) {
+        return detail::formatMicroseconds(latency.percentileNanoseconds(percent));
+      };
+      text += cumulative.type + " count=" + std::to_string(latency.count) +
+              " failed=" + std::to_string(cumulative.failed - std::min(cumulative.failed, before.failed)) +
+              " inflight=" + std::to_string(cumulative.inflight) + " p50_us=" + us(50) + " p90_us=" + us(90) +
+              " p99_us=" + us(99) + " max_us=" + detail::formatMicroseconds(latency.maxNanoseconds) +
+              " mean_us=" + detail::formatMicroseconds(latency.meanNanoseconds()) + " since_s=" + seconds +
+              "\n";
     }
     return text;
   }
 
+  // The commands' figures start afresh; the cumulative ones (snapshot()) go on.
   void reset() {
     epoch.fetch_add(1, std::memory_order_acq_rel);
+    Figures now = figures();
+    {
+      std::lock_guard<std::mutex> lock(baselineMutex);
+      baseline.clear();
+      for (auto& entry : now) {
+        baseline[entry.second.type] = std::move(entry.second);
+      }
+      since = std::chrono::steady_clock::now();
+    }
     slowest.clear();
   }
 
@@ -134,8 +200,9 @@ struct StatisticsServiceProvider::State {
     const std::int64_t now = tick_clock::now().time_since_epoch().count();
     std::string text;
     for (const InFlightTable::Request& request : requests) {
-      text += std::to_string(request.number) + " " + std::string(request.type->name) +
-              " age_us=" + std::to_string(microseconds(now - request.startNanoseconds)) + "\n";
+      text += requestLabel(request.number) + " " + std::string(request.type->name) + " age_us=" +
+              detail::formatMicroseconds(detail::nonNegativeNanoseconds(now - request.startNanoseconds)) +
+              "\n";
     }
     return text;
   }
@@ -143,8 +210,8 @@ struct StatisticsServiceProvider::State {
   std::string listSlowest(std::size_t count) const {
     std::string text;
     for (const detail::SlowestRequests::Entry& entry : slowest.slowest(count)) {
-      text += std::to_string(entry.number) + " " + std::string(entry.type) +
-              " elapsed_us=" + std::to_string(microseconds(entry.elapsedNanoseconds)) + " " +
+      text += requestLabel(entry.number) + " " + std::string(entry.type) + " elapsed_us=" +
+              detail::formatMicroseconds(detail::nonNegativeNanoseconds(entry.elapsedNanoseconds)) + " " +
               std::string(entry.outcome) + "\n";
     }
     return text;
@@ -189,9 +256,14 @@ const std::string& StatisticsServiceProvider::name() const noexcept {
   return name_;
 }
 
-// Placeholder until the counters move to the log-linear histogram: no type yet.
 std::vector<StatisticsServiceProvider::TypeSnapshot> StatisticsServiceProvider::snapshot() const {
-  return {};
+  State::Figures figures = state_->figures();
+  std::vector<TypeSnapshot> types;
+  types.reserve(figures.size());
+  for (auto& entry : figures) {
+    types.push_back(std::move(entry.second));
+  }
+  return types;
 }
 
 Future<MessagePtr> StatisticsServiceProvider::deliver(MessagePtr&& message, Address&& address,

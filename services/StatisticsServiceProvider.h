@@ -3,25 +3,34 @@
 // latency percentiles, failures and stuck requests through administration commands instead of
 // searching a log.
 //
-// Per message type (named as the logging provider names it): requests completed, failed ones,
-// requests in flight, and a latency histogram in power-of-two microsecond buckets (1 us to about
-// 67 s, plus overflow) from which p50, p90, p99 and the maximum are read; a percentile is the
-// upper bound of its bucket, so at most twice the true value. Besides: the 32 slowest requests
-// since the last reset, and every request in flight with its start time. Each request gets a
-// number, unique for the provider; numbers from different threads interleave, so they are not in
-// arrival order. Times are read from a steady clock.
+// Per message type (named as the logging provider names it): requests completed (failures
+// included), failed ones, requests in flight, and the latencies in a log-linear nanosecond
+// histogram (see services/detail/LogLinearHistogram.h: exact under 256 ns, each power of two
+// above split in 128, up to about 73 minutes plus an overflow bucket), so every percentile is
+// within 1% of the exact value and the maximum is exact. A clock that went backwards on another
+// core counts as 0 ns. Besides: the 32 slowest requests since the last reset, and every request
+// in flight with its start time. Each request is numbered by the thread that delivered it
+// (0 to 63, in the order threads first deliver to any provider; 64 for all later threads) and
+// that thread's count of requests to this provider, from 1. Times are read from a steady clock.
+//
+// Memory: per message type, one block of at most 64 KiB (about 36 KiB) for each thread that has
+// completed a request of that type, made on its first; nothing for a thread that has not.
 //
 // Commands (NAME is the provider's name), registered with the administration given and withdrawn
-// in the destructor, unless another provider of that name lives on (it answers them then):
+// in the destructor, unless another provider of that name lives on (it answers them then). Their
+// figures cover the time since the provider was made or NAME.statistics.reset last ran; times
+// are microseconds with three significant digits (0.412, 1.23, 118):
 //   NAME.statistics [TYPE_PREFIX]  one line per type (only types with completed or in-flight
 //       requests), sorted by name:
-//       TYPE count=N failed=N inflight=N p50_us=N p90_us=N p99_us=N max_us=N
-//   NAME.statistics.reset          zeroes the counts, histograms and the slowest list (requests
-//                                  in flight stay listed); answers the empty text
+//       TYPE count=N failed=N inflight=N p50_us=T p90_us=T p99_us=T max_us=T mean_us=T since_s=N
+//       (count includes the failed; a percentile in the overflow bucket reads >4398046511)
+//   NAME.statistics.reset          starts those figures and the slowest list afresh (requests in
+//                                  flight stay listed; snapshot() is untouched); answers the
+//                                  empty text
 //   NAME.inflight                  one line per request in flight, oldest first:
-//       NUMBER TYPE age_us=N
+//       thread=N request=N TYPE age_us=T
 //   NAME.slowest [N]               the N slowest (default 10, 1 to 32), slowest first:
-//       NUMBER TYPE elapsed_us=N ok|EXCEPTION_TYPE
+//       thread=N request=N TYPE elapsed_us=T ok|EXCEPTION_TYPE
 // A bad count throws std::invalid_argument naming the command, the text given and the range.
 //
 // Never blocks and never changes an answer: deliver() returns the context's own future when the
@@ -36,9 +45,9 @@
 // different types, or even the same type, do not write a common line: the first 64 threads of the
 // process (numbered as they first deliver to any provider, never reused) each own their lines and
 // write them without locked instructions; later threads share one set, with atomic additions.
-// A request takes no lock, save in two cases: a message type seen for the first time (once per
-// type), and a request that finds every place for requests in flight taken, that is, more than
-// 2,048 in flight plus 8 for each of those 64 threads.
+// A request takes no lock, save in three cases: a message type seen for the first time (once per
+// type), a thread's first request of a type (its block is allocated), and a request that finds every place
+// for requests in flight taken, that is, more than 2,048 in flight plus 8 for each of those 64 threads.
 #pragma once
 
 #include <cstdint>
@@ -84,7 +93,8 @@ class CONNECTOR_EXPORT StatisticsServiceProvider : public connector::ServiceProv
   };
 
   // The figures of every type seen, sorted by type. Any thread, while deliveries go on; a
-  // request completed before the call is in it.
+  // request completed before the call is in it, and none is lost or counted twice: each counter
+  // only grows, so successive snapshots never go back.
   std::vector<TypeSnapshot> snapshot() const;
 
   // The name given at construction, which prefixes the commands.

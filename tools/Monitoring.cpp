@@ -3,27 +3,11 @@
 #include <ostream>
 #include <utility>
 
+#include "host/Metrics.h"
+#include "host/StatusPage.h"
+
 namespace connector {
 namespace shell {
-
-namespace {
-
-// Until the exposition writer and the status page renderer are wired in, the endpoint serves the
-// build's version alone.
-std::string buildInfo(const host::MonitoringSources& sources) {
-  return "# HELP connector_build_info The library's version; always 1.\n"
-         "# TYPE connector_build_info gauge\n"
-         "connector_build_info{version=\"" +
-         sources.version + "\"} 1\n";
-}
-
-std::string statusPage(const host::MonitoringSources& sources) {
-  return "<!DOCTYPE html>\n<html><head><meta charset=\"utf-8\"><title>connector</title></head>"
-         "<body><h1>connector " +
-         sources.version + "</h1></body></html>\n";
-}
-
-}  // namespace
 
 std::unique_ptr<host::HttpServer> startMonitoring(const std::string& endpoint,
                                                   host::MonitoringSources sources, std::ostream& out,
@@ -31,8 +15,8 @@ std::unique_ptr<host::HttpServer> startMonitoring(const std::string& endpoint,
   host::HttpServer::Options options;
   host::HttpServer::parseEndpoint(endpoint, options);
   const auto shared = std::make_shared<const host::MonitoringSources>(std::move(sources));
-  options.metrics = [shared] { return buildInfo(*shared); };
-  options.statusPage = [shared] { return statusPage(*shared); };
+  options.metrics = [shared] { return host::renderMetrics(*shared, {}); };
+  options.statusPage = [shared] { return host::renderStatusPage(*shared); };
   const std::string address = options.address;
   auto server = std::make_unique<host::HttpServer>(std::move(options));
   if (!host::HttpServer::isLoopback(address)) {

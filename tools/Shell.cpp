@@ -44,7 +44,7 @@ const char* const kFlakyName = "flaky";
 const char* const kApiAddress = "api";
 const char* const kFlakyAddress = "flaky";
 const char* const kLogChannel = "connector.shell";
-const char* const kMessageTypes = "ping, greeting, order";
+const char* const kMessageTypes = "ping, greeting, order, batch";
 
 const char* const kUsage =
     R"(Usage: connector-shell [--script FILE] [--config FILE] [--log-dir DIR] [--http HOST:PORT] [--help]
@@ -86,7 +86,7 @@ Options:
 Commands:
   send ADDRESS TYPE [TEXT] [-n COUNT]
                                 send a message to ADDRESS and print the answer; TYPE is ping,
-                                greeting or order (greeting and order carry TEXT); with -n,
+                                greeting, order or batch (all but ping carry TEXT); with -n,
                                 COUNT messages at once and a count of their answers
   config set KEY VALUE [LABEL]  set KEY to VALUE under LABEL (default "operator"); the label
                                 "default" is the lowest layer and never hides another label's value
@@ -128,7 +128,8 @@ struct ShellCommand {
 };
 const ShellCommand kShellCommands[] = {
     {"send",
-     "  send ADDRESS TYPE [TEXT] [-n COUNT]  send a message (TYPE: ping, greeting, order), COUNT times\n"},
+     "  send ADDRESS TYPE [TEXT] [-n COUNT]  send a message (TYPE: ping, greeting, order, batch), COUNT "
+     "times\n"},
     {"config",
      "  config set KEY VALUE [LABEL]  set a configuration value (LABEL defaults to \"operator\")\n"
      "  config get KEY                print a key's value, type and label\n"
@@ -152,6 +153,9 @@ std::unique_ptr<Message> makeMessage(const std::string& type, const std::string*
   }
   if (type == "order") {
     return std::make_unique<demo::Order>(text != nullptr ? *text : std::string());
+  }
+  if (type == "batch") {
+    return std::make_unique<demo::Batch<demo::Order>>(text != nullptr ? *text : std::string());
   }
   throw std::invalid_argument("unknown message type " + host::quoted(type, host::kEchoLimit) +
                               "; the types are " + kMessageTypes);
@@ -497,7 +501,7 @@ std::vector<std::string> Shell::completions(const std::vector<std::string>& befo
     return secondWords(before[0]);
   }
   if (before.size() == 2 && before[0] == "send") {
-    return {"ping", "greeting", "order"};
+    return {"ping", "greeting", "order", "batch"};
   }
   std::vector<std::string> keys;
   if (before.size() == 2 && before[0] == "config" && (before[1] == "get" || before[1] == "set")) {

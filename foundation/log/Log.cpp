@@ -3,6 +3,7 @@
 #include <fnmatch.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <condition_variable>
 #include <cstring>
@@ -67,25 +68,31 @@ using Clock = std::chrono::steady_clock;
 // Every channel's only sink: passes each record to the destination in force, counting them.
 class Router final : public spdlog::sinks::dist_sink<std::mutex> {
  public:
-  std::uint64_t records() {
+  void count(statistics_snapshot& snapshot) {
     std::lock_guard<std::mutex> lock(mutex_);
-    return records_;
+    snapshot.records = records_;
+    snapshot.records_by_level = byLevel_;
   }
 
-  // Counts a record written past the router, straight to a destination.
+  // Counts an info record written past the router, straight to a destination.
   void countOne() {
     std::lock_guard<std::mutex> lock(mutex_);
     ++records_;
+    ++byLevel_[static_cast<std::size_t>(level::info)];
   }
 
  protected:
   void sink_it_(const spdlog::details::log_msg& msg) override {
     ++records_;
+    // spdlog's levels run trace to critical in the order of ours.
+    ++byLevel_[std::min<std::size_t>(static_cast<std::size_t>(msg.level), byLevel_.size() - 1)];
     dist_sink::sink_it_(msg);
   }
 
  private:
   std::uint64_t records_ = 0;  // guarded by the base's mutex_
+  std::array<std::uint64_t, std::tuple_size<decltype(statistics_snapshot::records_by_level)>::value>
+      byLevel_{};  // guarded by the base's mutex_
 };
 
 // Whether the process log exists yet; the exit hook below shuts down only one that does.
@@ -202,6 +209,7 @@ class ProcessLog {
   void reopen() {
     std::lock_guard<std::mutex> lock(mutex_);
     detail::reopen_destination(*destination_sink_, destination_);
+    ++reopens_;
   }
 
   statistics_snapshot statistics() {
@@ -211,6 +219,7 @@ class ProcessLog {
       std::lock_guard<std::mutex> lock(mutex_);
       sink = destination_sink_;
       snapshot.destination = destination_;
+      snapshot.reopens = reopens_;
       if (pending_) {
         const auto left = pending_->deadline - Clock::now();
         snapshot.pending_restore = statistics_snapshot::restore{
@@ -218,7 +227,8 @@ class ProcessLog {
       }
     }
     const detail::queue_counts counts = detail::queue_counts_of(*sink);
-    snapshot.records = router_->records();
+    router_->count(snapshot);
+    snapshot.rotations = detail::rotations();
     snapshot.dropped = retiredDrops_ + counts.dropped;
     snapshot.queued = counts.queued;
     return snapshot;
@@ -352,6 +362,7 @@ class ProcessLog {
   std::filesystem::path
       confinement_;  // guarded by mutex_; canonical, or empty when file destinations are free
   std::shared_ptr<spdlog::sinks::sink> destination_sink_;  // guarded by mutex_; the router's one sink
+  std::uint64_t reopens_ = 0;                              // guarded by mutex_
   std::atomic<std::uint64_t> retiredDrops_{0};             // drops of the destinations set before
   std::optional<PendingRestore> pending_;                  // guarded by mutex_
   std::condition_variable restoreDue_;                     // waited on with mutex_ by restorer_

@@ -65,6 +65,7 @@
 // a file that cannot be opened. The message names the offending text and what would be accepted.
 #pragma once
 
+#include <array>
 #include <chrono>
 #include <cstdint>
 #include <memory>
@@ -179,8 +180,12 @@ CONNECTOR_EXPORT void reopen();
 struct statistics_snapshot {
   std::uint64_t records = 0;  // records the channels passed to a destination since the process began
   std::uint64_t dropped = 0;  // records "async:" queues dropped since the process began
-  std::uint64_t queued = 0;   // records waiting in the "async:" queue of the destination in force
-  std::string destination;    // the destination in force, as set
+  // Of `records`, those of each level, indexed by `level` (trace to critical).
+  std::array<std::uint64_t, static_cast<std::size_t>(level::off)> records_by_level{};
+  std::uint64_t rotations = 0;  // files "rotating:" destinations rotated since the process began
+  std::uint64_t reopens = 0;    // successful reopen() calls of the process log's file since it began
+  std::uint64_t queued = 0;     // records waiting in the "async:" queue of the destination in force
+  std::string destination;      // the destination in force, as set
   struct restore {
     std::string specification;       // what will be restored
     std::chrono::seconds remaining;  // when, rounded up

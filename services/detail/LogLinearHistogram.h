@@ -192,6 +192,30 @@ class LatencyMerge {
   std::uint64_t max_ = 0;
 };
 
+// What `now` counted beyond `before`, an earlier snapshot of the same latencies (whose buckets
+// are therefore among those of `now`, each with no larger a count). The maximum of the difference
+// cannot be read from the two, so the caller gives it: `maxNanoseconds`.
+inline LatencySnapshot latenciesSince(const LatencySnapshot& now, const LatencySnapshot& before,
+                                      std::uint64_t maxNanoseconds) {
+  LatencySnapshot since;
+  since.count = now.count - std::min(now.count, before.count);
+  since.sumNanoseconds = now.sumNanoseconds - std::min(now.sumNanoseconds, before.sumNanoseconds);
+  since.overflow = now.overflow - std::min(now.overflow, before.overflow);
+  since.maxNanoseconds = maxNanoseconds;
+  auto earlier = before.buckets.begin();
+  for (const LatencySnapshot::Bucket& bucket : now.buckets) {
+    while (earlier != before.buckets.end() && earlier->lower < bucket.lower) {
+      ++earlier;
+    }
+    const std::uint64_t old =
+        earlier != before.buckets.end() && earlier->lower == bucket.lower ? earlier->count : 0;
+    if (bucket.count > old) {
+      since.buckets.push_back({bucket.lower, bucket.upper, bucket.count - old});
+    }
+  }
+  return since;
+}
+
 // Nanoseconds as microseconds with three significant digits, so no latency reads as a bare zero:
 // 412 -> "0.412", 1234 -> "1.23", 12345 -> "12.3"; from 100 us on, whole microseconds (118000 ->
 // "118", 1234567 -> "1235"). 0 -> "0"; kBeyondRange -> ">4398046511", the end of the range.

@@ -1,5 +1,6 @@
 // The statistics provider's counters, spread over per-thread stripes: a request number sequence
-// and, per message type, a latency histogram, a failure count and the longest latency.
+// and, per message type, one block per stripe that has counted the type: its latencies in a
+// log-linear histogram, its failures, and its longest latency since the last reset.
 //
 // Internal to connector_common_services. Each stripe is written by the threads that map to it
 // (see currentStripe()) and read by any thread.
@@ -10,10 +11,12 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
+#include <new>
 #include <string_view>
 
 #include "foundation/core/detail/ThreadIndex.h"
-#include "services/detail/LatencyHistogram.h"
+#include "services/detail/LogLinearHistogram.h"
 
 namespace connector {
 namespace common_services {
@@ -33,83 +36,111 @@ inline std::size_t currentStripe() {
   return std::min<std::size_t>(foundation::core::detail::thread_index(), kSharedStripe);
 }
 
-// Adds one and answers the value before: by its only writer with a plain load and store, else
-// atomically.
+// Adds one and answers the value before: by its only writer with a plain load and a release
+// store, else atomically.
 inline std::uint64_t increment(std::atomic<std::uint64_t>& counter, bool owned) {
   if (owned) {
     const std::uint64_t value = counter.load(std::memory_order_relaxed);
-    counter.store(value + 1, std::memory_order_relaxed);
+    counter.store(value + 1, std::memory_order_release);
     return value;
   }
-  return counter.fetch_add(1, std::memory_order_relaxed);
+  return counter.fetch_add(1, std::memory_order_release);
 }
 
-inline std::uint64_t microseconds(std::int64_t nanoseconds) {
-  return static_cast<std::uint64_t>(std::max<std::int64_t>(nanoseconds, 0)) / 1000;
-}
+// What one stripe has counted of one message type.
+struct TypeBlock {
+  LatencyBlock latency;
+  // Written after the latency is recorded, with release, so a reader that loads it (acquire)
+  // before merging the latencies never finds more failures than requests.
+  alignas(64) std::atomic<std::uint64_t> failed{0};
+  // The longest latency of the reset epoch `epoch`: a reset cannot zero what the owner writes
+  // without a lock, so it moves the provider's epoch on and the writer starts afresh.
+  std::atomic<std::uint64_t> epoch{0};
+  std::atomic<std::uint64_t> maxSinceReset{0};
+};
 
-// What is counted for one message type, per stripe. A reset does not touch the stripes (their
-// owners write them without a lock): it moves the provider's epoch on, a stripe whose epoch is
-// behind counts as empty, and its writer zeroes it before it next counts.
+static_assert(sizeof(TypeBlock) <= 64 * 1024, "a thread's counts of one type stay within 64 KiB");
+
+// What is counted for one message type: a block per stripe, made on the stripe's first request
+// of the type (so a type costs nothing for a thread that never completes one), never freed
+// before the table.
 struct TypeStats {
-  struct alignas(64) Stripe {
-    std::atomic<std::uint64_t> epoch{0};  // the reset epoch the counts belong to
-    std::array<std::atomic<std::uint64_t>, kLatencyBuckets> buckets{};
-    std::atomic<std::uint64_t> failed{0};
-    std::atomic<std::int64_t> maxNanoseconds{0};
-  };
-
-  // What the stripes of the current epoch add up to.
-  struct Totals {
-    LatencyCounts counts{};
-    std::uint64_t failed = 0;
-    std::int64_t maxNanoseconds = 0;
-  };
-
   explicit TypeStats(std::string_view typeName) : name(typeName) {}
+  ~TypeStats() {
+    for (auto& block : blocks) {
+      delete block.load(std::memory_order_relaxed);
+    }
+  }
+  TypeStats(const TypeStats&) = delete;
+  TypeStats& operator=(const TypeStats&) = delete;
 
   const std::string_view name;  // cached for the process
-  std::array<Stripe, kStripes> stripes;
+  std::array<std::atomic<TypeBlock*>, kStripes> blocks{};
 
-  void record(std::size_t stripe, std::uint64_t epoch, std::int64_t elapsed, bool failed) {
-    Stripe& s = stripes[stripe];
+  // Never throws: a stripe whose block cannot be made (memory exhausted) counts in the shared
+  // one; if that cannot be made either, the request goes uncounted.
+  void record(std::size_t stripe, std::uint64_t epoch, std::int64_t elapsed, bool failed) noexcept {
+    TypeBlock* block = blockOf(stripe);
+    if (block == nullptr && stripe != kSharedStripe) {
+      stripe = kSharedStripe;
+      block = blockOf(stripe);
+    }
+    if (block == nullptr) {
+      return;
+    }
     const bool owned = stripe != kSharedStripe;
-    if (s.epoch.load(std::memory_order_relaxed) != epoch) {
-      // On the shared stripe two threads may both get here; a count of a request completing
-      // while a reset is under way may then be lost, which a reset allows anyway.
-      for (auto& bucket : s.buckets) {
-        bucket.store(0, std::memory_order_relaxed);
-      }
-      s.failed.store(0, std::memory_order_relaxed);
-      s.maxNanoseconds.store(0, std::memory_order_relaxed);
-      s.epoch.store(epoch, std::memory_order_release);
-    }
-    increment(s.buckets[latencyBucket(microseconds(elapsed))], owned);
+    owned ? block->latency.record(elapsed) : block->latency.recordShared(elapsed);
     if (failed) {
-      increment(s.failed, owned);
+      increment(block->failed, owned);
     }
-    std::int64_t max = s.maxNanoseconds.load(std::memory_order_relaxed);
-    while (elapsed > max &&
-           !s.maxNanoseconds.compare_exchange_weak(max, elapsed, std::memory_order_relaxed)) {
+    const std::uint64_t ns = nonNegativeNanoseconds(elapsed);
+    if (block->epoch.load(std::memory_order_relaxed) != epoch) {
+      // On the shared stripe two threads may both get here; a maximum of a request completing
+      // while a reset is under way may then be lost, which a reset allows anyway.
+      block->maxSinceReset.store(ns, std::memory_order_relaxed);
+      block->epoch.store(epoch, std::memory_order_release);
+      return;
+    }
+    std::uint64_t max = block->maxSinceReset.load(std::memory_order_relaxed);
+    if (owned) {
+      block->maxSinceReset.store(std::max(max, ns), std::memory_order_relaxed);
+      return;
+    }
+    while (ns > max && !block->maxSinceReset.compare_exchange_weak(max, ns, std::memory_order_relaxed)) {
     }
   }
 
-  // Any thread, while the owners count: each counter is read once, so the totals may miss a
-  // request completing meanwhile, never count one twice.
-  Totals total(std::uint64_t epoch) const {
-    Totals totals;
-    for (const Stripe& stripe : stripes) {
-      if (stripe.epoch.load(std::memory_order_acquire) != epoch) {
-        continue;  // counted before the last reset
+  // The longest latency counted in reset epoch `epoch`. Any thread.
+  std::uint64_t maxSince(std::uint64_t epoch) const {
+    std::uint64_t max = 0;
+    for (const auto& slot : blocks) {
+      const TypeBlock* block = slot.load(std::memory_order_acquire);
+      if (block != nullptr && block->epoch.load(std::memory_order_acquire) == epoch) {
+        max = std::max(max, block->maxSinceReset.load(std::memory_order_relaxed));
       }
-      for (std::size_t i = 0; i < totals.counts.size(); ++i) {
-        totals.counts[i] += stripe.buckets[i].load(std::memory_order_relaxed);
-      }
-      totals.failed += stripe.failed.load(std::memory_order_relaxed);
-      totals.maxNanoseconds =
-          std::max(totals.maxNanoseconds, stripe.maxNanoseconds.load(std::memory_order_relaxed));
     }
-    return totals;
+    return max;
+  }
+
+ private:
+  // The block of `stripe`, made on first use: by its owner with a plain store, on the shared
+  // stripe by whichever thread wins the exchange.
+  TypeBlock* blockOf(std::size_t stripe) noexcept {
+    std::atomic<TypeBlock*>& slot = blocks[stripe];
+    TypeBlock* block = slot.load(std::memory_order_acquire);
+    if (block != nullptr) {
+      return block;
+    }
+    std::unique_ptr<TypeBlock> made(new (std::nothrow) TypeBlock);
+    if (!made) {
+      return nullptr;
+    }
+    if (stripe != kSharedStripe) {
+      slot.store(made.get(), std::memory_order_release);
+      return made.release();
+    }
+    return slot.compare_exchange_strong(block, made.get(), std::memory_order_acq_rel) ? made.release()
+                                                                                      : block;
   }
 };
 

@@ -159,6 +159,7 @@ TEST_F(ProcessLog, AFullQueueDropsTheOldestCountsThemAndWarnsOncePerOverflow) {
 // rotating:1K:2:PATH keeps the file and two old ones, each rotated when the next record would
 // pass 1,024 bytes (the records here are all of one length), and the newest records in the file.
 TEST_F(ProcessLog, RotationKeepsFilesOldFilesOfAtMostMaxBytes) {
+  const auto before = flog::statistics();
   flog::set_destination("rotating:1K:2:" + (dir / "app.log"));
   for (int i = 10; i < 100; ++i) {
     flog::channel("proclog.rotation").info("record " + std::to_string(i) + std::string(40, '.'));
@@ -170,6 +171,9 @@ TEST_F(ProcessLog, RotationKeepsFilesOldFilesOfAtMostMaxBytes) {
   }
   EXPECT_FALSE(fs::exists(dir / "app.3.log"));
   EXPECT_THAT(texts(dir / "app.log").back(), HasSubstr("record 99."));
+  const auto after = flog::statistics();
+  EXPECT_EQ(after.records_by_level[2] - before.records_by_level[2], 90u);  // info, counted by level
+  EXPECT_EQ(after.rotations - before.rotations, (90 + 1024 / length - 1) / (1024 / length) - 1);
 }
 
 // After an outside tool renamed the file, reopening starts a new one under the name: the two files
@@ -177,6 +181,7 @@ TEST_F(ProcessLog, RotationKeepsFilesOldFilesOfAtMostMaxBytes) {
 // A destination without a file refuses to reopen.
 TEST_F(ProcessLog, ReopeningAfterARenameSplitsTheRecordsAcrossTheTwoFiles) {
   const flog::channel channel("proclog.reopen");
+  const std::uint64_t reopens = flog::statistics().reopens;
   for (const std::string prefix : {"file:", "rotating:1M:2:", "async:file:"}) {
     fs::remove(dir / "app.log");
     flog::set_destination(prefix + (dir / "app.log"));
@@ -194,6 +199,7 @@ TEST_F(ProcessLog, ReopeningAfterARenameSplitsTheRecordsAcrossTheTwoFiles) {
     EXPECT_THAT(both, ::testing::ElementsAre("before", "renamed", "after")) << prefix;
   }
   EXPECT_THROW(flog::reopen(), std::invalid_argument);
+  EXPECT_EQ(flog::statistics().reopens - reopens, 3u);  // the refused one is not counted
 }
 
 // A timed specification is restored when its time is up, unless a plain set ended the window:

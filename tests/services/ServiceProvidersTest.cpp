@@ -32,7 +32,6 @@
 #include "services/LoggingServiceProvider.h"
 #include "services/StatisticsServiceProvider.h"
 #include "services/detail/InFlightTable.h"
-#include "services/detail/LatencyHistogram.h"
 #include "services/detail/MessageTypeTable.h"
 #include "services/detail/SlowestRequests.h"
 #include "tests/support/FakeAdministration.h"
@@ -280,6 +279,7 @@ TEST(AccessLogSelection, FollowsThePrecedenceForEveryCombination) {
               for (const std::string& line : log.lines()) {
                 written += line.substr(0, line.find(' ') + 1);
               }
+              EXPECT_EQ(log.provider.lineCounts().selectedOut, enabled ? 2 - expected.size() / 2 : 0);
               EXPECT_EQ(written, expected)
                   << enabled << errorsOnly << slowerThanUs << sampleEvery << excluded << fails;
             }
@@ -444,25 +444,6 @@ TEST(AccessLogText, EveryLineSplitsBackIntoItsFieldsWhateverTheNames) {
   }
 }
 
-TEST(LatencyHistogram, BucketsArePowersOfTwoMicrosecondsAndPercentilesTheirBounds) {
-  const std::vector<std::pair<std::uint64_t, std::size_t>> edges = {
-      {0, 0}, {1, 1}, {3, 2}, {4, 3}, {(1u << 26) - 1, 26}, {1u << 26, 27}, {~0ull, 27}};
-  for (const auto& [micros, bucket] : edges) {
-    EXPECT_EQ(latencyBucket(micros), bucket) << micros << " us";
-  }
-  // A percentile is the bound of its bucket, capped by the maximum.
-  LatencyCounts counts{};
-  counts[latencyBucket(3)] = 50;     // [2, 4)
-  counts[latencyBucket(100)] = 40;   // [64, 128)
-  counts[latencyBucket(1000)] = 10;  // [512, 1024), where the maximum 1000 caps the bound
-  const LatencySummary summary = summarizeLatencies(counts, 1000);
-  EXPECT_EQ(std::vector<std::uint64_t>({summary.count, summary.p50, summary.p90, summary.p99, summary.max}),
-            std::vector<std::uint64_t>({100, 4, 128, 1000, 1000}));
-  LatencyCounts slowOnly{};
-  slowOnly[kOverflowBucket] = 1;
-  EXPECT_EQ(summarizeLatencies(slowOnly, 90000000).p50, 90000000u);
-}
-
 // Slowest first; the fastest kept leaves for a slower one; a tie keeps the earlier request.
 TEST(SlowestRequestsList, KeepsTheSlowestInOrderAndEvictsTheFastest) {
   SlowestRequests slowest(3);
@@ -479,8 +460,8 @@ TEST(SlowestRequestsList, KeepsTheSlowestInOrderAndEvictsTheFastest) {
 
 // Requests in flight, oldest first, until they complete (deliver() does not wait for them); counts
 // by type, filtered by prefix (the listing's form is left to the shell's transcript); the slowest
-// list, 10 by default and at most 32 (the shell's transcript asks for 3); a reset zeroes them all, and a
-// handler still answers once the provider is gone.
+// list, 10 by default and at most 32 (the shell's transcript asks for 3); a reset zeroes what the
+// commands show but not the cumulative snapshot; a handler still answers once the provider is gone.
 TEST(StatisticsProvider, ListsCountsAndResets) {
   auto administration = std::make_shared<FakeAdministration>();
   auto provider = std::make_unique<common_services::StatisticsServiceProvider>(administration, "metrics");
@@ -490,8 +471,10 @@ TEST(StatisticsProvider, ListsCountsAndResets) {
   Promise<MessagePtr> first, second;
   deliver(*provider, std::make_unique<app::Order>(), [&](MessagePtr&&) { return first.getFuture(); });
   deliver(*provider, std::make_unique<app::Ping>(), [&](MessagePtr&&) { return second.getFuture(); });
-  EXPECT_THAT(run("inflight", {}),
-              MatchesRegex("[0-9]+ app::Order age_us=[0-9]+\n[0-9]+ app::Ping age_us=[0-9]+\n"));
+  EXPECT_THAT(
+      run("inflight", {}),
+      MatchesRegex(
+          "thread=0 request=1 app::Order age_us=[0-9.]+\nthread=0 request=2 app::Ping age_us=[0-9.]+\n"));
   for (int i = 0; i < 12; ++i) {
     deliver(*provider, std::make_unique<app::Ping>(), echoing());
   }
@@ -503,7 +486,7 @@ TEST(StatisticsProvider, ListsCountsAndResets) {
   first.resolve(std::make_unique<app::Order>());
   second.reject(std::make_exception_ptr(std::runtime_error("late")));
   EXPECT_EQ(run("inflight", {}), "");
-  EXPECT_THAT(run("slowest", {}), ContainsRegex("app::Ping elapsed_us=[0-9]+ std::runtime_error\n"));
+  EXPECT_THAT(run("slowest", {}), ContainsRegex("app::Ping elapsed_us=[0-9.]+ std::runtime_error\n"));
   EXPECT_THAT(run("slowest", {}), MatchesRegex("([^\n]*\n){10}"));
   EXPECT_THAT(run("slowest", {"32"}), MatchesRegex("([^\n]*\n){15}"));
   for (const std::string bad : {"abc", "0", "33", "-1", "", "1.5"}) {
@@ -511,6 +494,8 @@ TEST(StatisticsProvider, ListsCountsAndResets) {
   }
   EXPECT_EQ(run("statistics.reset", {}), "");
   EXPECT_EQ(run("statistics", {}) + run("slowest", {}), "");
+  const auto ping = provider->snapshot().at(1);  // cumulative: the reset leaves exporters' figures
+  EXPECT_EQ(ping.type + std::to_string(ping.succeeded) + "+" + std::to_string(ping.failed), "app::Ping12+1");
   deliver(*provider, std::make_unique<app::Ping>(), echoing());
   EXPECT_THAT(run("statistics", {}), ContainsRegex(" count=1 failed=0 "));
   provider.reset();

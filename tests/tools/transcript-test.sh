@@ -17,8 +17,8 @@ mask() {
          -e 's/^(\[<time>\] \[connector\.audit\] \[info\] caller=)"[^"]*"/\1"<user>"/' \
          -e 's/elapsed_us=[0-9]+ start=[0-9T:.Z-]+$/elapsed_us=<us> start=<time>/' \
          -e 's/"elapsed_us":[0-9]+,"start":"[0-9T:.Z-]+"/"elapsed_us":<us>,"start":"<time>"/' \
-         -e 's/(p50|p90|p99|max)_us=[0-9]+/\1_us=<us>/g' \
-         -e 's/^[0-9]+ [^ ]+ elapsed_us=[0-9]+ [^ ]+$/<n> <type> elapsed_us=<us> <outcome>/'
+         -e 's/(p50|p90|p99|max|mean)_us=[0-9.]+/\1_us=<us>/g' -e 's/since_s=[0-9]+$/since_s=<s>/' \
+         -e 's/^thread=[0-9]+ request=[0-9]+ [^ ]+ elapsed_us=[0-9.]+ [^ ]+$/thread=<t> request=<n> <type> elapsed_us=<us> <outcome>/'
 }
 
 (cd "$work" && "$shell" --log-dir "$work" --script "$script" >output 2>&1)

@@ -1,11 +1,13 @@
 #include "foundation/log/detail/Destination.h"
 
+#include <atomic>
 #include <functional>
 #include <map>
 #include <mutex>
 #include <stdexcept>
 #include <string_view>
 #include <system_error>
+#include <utility>
 
 #include <spdlog/sinks/basic_file_sink.h>
 #include <spdlog/sinks/null_sink.h>
@@ -101,6 +103,8 @@ file_target prepare_file(const std::string& text, const std::string& path_text, 
 
 namespace {
 
+std::atomic<std::uint64_t> rotationCount{0};
+
 // Opens a file sink of spdlog's, turning its failure into ours.
 template <typename Make>
 std::unique_ptr<spdlog::sinks::sink> openFile(const std::string& text, const file_target& target, Make make) {
@@ -155,8 +159,19 @@ std::shared_ptr<spdlog::sinks::sink> openRotating(const std::string& text, const
   // Reopening checks the file afresh: the name may lead elsewhere by then.
   return std::make_shared<reopenable_file_sink>([=]() -> std::unique_ptr<spdlog::sinks::sink> {
     return openFile(text, prepare_file(text, pathText, confinement), [&](const file_target& target) {
+      // spdlog's sink opens its file once when made and again after each rotation.
+      spdlog::file_event_handlers handlers = target.handlers;
+      handlers.after_open = [verify = target.handlers.after_open, opened = false](
+                                const spdlog::filename_t& name, std::FILE* file) mutable {
+        if (verify) {
+          verify(name, file);
+        }
+        if (std::exchange(opened, true)) {
+          rotationCount.fetch_add(1, std::memory_order_relaxed);
+        }
+      };
       return std::make_unique<spdlog::sinks::rotating_file_sink_st>(target.path.string(), maxBytes, files,
-                                                                    false, target.handlers);
+                                                                    false, handlers);
     });
   });
 }
@@ -230,6 +245,10 @@ void reopen_destination(spdlog::sinks::sink& destination, const std::string& tex
                                 "before one of them");
   }
   file->reopen();
+}
+
+std::uint64_t rotations() {
+  return rotationCount.load(std::memory_order_relaxed);
 }
 
 queue_counts queue_counts_of(spdlog::sinks::sink& destination) {

@@ -10,6 +10,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -45,6 +46,9 @@ file_target prepare_file(const std::string& text, const std::string& path_text,
 // them) again by name. Throws std::invalid_argument naming `text` when it has no file, and like
 // open_destination() when the file cannot be opened again (the old one then stays in use).
 void reopen_destination(spdlog::sinks::sink& destination, const std::string& text);
+
+// Files that "rotating:" destinations have rotated since the process began. Any thread.
+std::uint64_t rotations();
 
 // The queue of an "async:" destination; zero for the others.
 struct queue_counts {
