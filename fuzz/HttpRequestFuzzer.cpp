@@ -14,15 +14,15 @@ namespace {
 
 using connector::host::HttpServer;
 
+// Lives as long as the process, serving every input in turn.
 HttpServer& server() {
-  static HttpServer* const endpoint = [] {
+  static HttpServer endpoint([] {
     HttpServer::Options options;
     options.port = 0;
     options.metrics = [] { return std::string("connector_up 1\n"); };
-    options.statusPage = [] { return std::string("<html></html>"); };
-    return new HttpServer(options);  // lives as long as the process: the fuzzer never returns
-  }();
-  return *endpoint;
+    return options;
+  }());
+  return endpoint;
 }
 
 }  // namespace
