@@ -76,6 +76,7 @@ TEST(HttpServer, EveryLimitIsAnsweredWhileAnotherClientIsServed) {
   hasty.headerTimeout = std::chrono::milliseconds(50);
   HttpServer quick(hasty);
   EXPECT_EQ(exchange(quick.port(), "GET / HTTP/1.1\r\n").substr(0, 12), "HTTP/1.1 408");
+  EXPECT_EQ(exchange(quick.port(), ""), "");  // an idle connection is closed unanswered
 }
 
 // Stopping lets an answer being written finish, however large, and frees the port.
