@@ -186,6 +186,8 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
     timer_.cancel();
     if (server_.shuttingDown) {
       close();
+    } else if (timedOut_ && buffer_.size() == 0 && !parser_->got_some()) {
+      close();  // idle, at its start or between requests: nothing to answer
     } else if (timedOut_) {
       answer(http::status::request_timeout, kTextType,
              "the request's headers did not arrive within " +

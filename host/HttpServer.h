@@ -12,8 +12,10 @@
 // Limits, each answered while the server keeps serving every other connection: a method other
 // than GET or HEAD (405), a request with a body (400, closed), headers over kMaxHeaderBytes (431,
 // closed), more than maxConnections connections at once (the extra one gets 503, closed), headers
-// not complete within headerTimeout of the connection waiting for them (408, closed), a malformed
-// request (400, closed), an unknown path (404). Connections are kept alive as HTTP/1.1 says.
+// not complete within headerTimeout of the connection waiting for them (408, closed; a connection
+// that sent nothing of them is closed without an answer, so that a client keeping an idle
+// connection alive sees no answer it did not ask for), a malformed request (400, closed), an
+// unknown path (404). Connections are kept alive as HTTP/1.1 says.
 //
 // Binds 127.0.0.1 unless given another address; isLoopback() tells a caller whether to warn that
 // anyone who can reach the port can read the figures.

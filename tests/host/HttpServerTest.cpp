@@ -1,55 +1,24 @@
 // The HTTP monitoring endpoint: its pages, its limits, and a clean stop.
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <future>
+#include <memory>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include <gtest/gtest.h>
 
 #include "host/HttpServer.h"
+#include "tests/support/HttpPeer.h"
 
 namespace connector {
 namespace {
 
 using host::HttpServer;
 
-int connectTo(unsigned short port) {
-  const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(port);
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  const timeval patience{60, 0};  // a generous bound on a hung server, not a timing assertion
-  ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
-  EXPECT_EQ(::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-  return fd;
-}
-
-void sendText(int fd, const std::string& text) {
-  EXPECT_EQ(::send(fd, text.data(), text.size(), MSG_NOSIGNAL), static_cast<ssize_t>(text.size()));
-}
-
-// Everything the server sends until it closes, then closes this side too.
-std::string readToEnd(int fd) {
-  std::string text;
-  char chunk[65536];
-  for (ssize_t n; (n = ::recv(fd, chunk, sizeof chunk, 0)) > 0;) {
-    text.append(chunk, static_cast<std::size_t>(n));
-  }
-  ::close(fd);
-  return text;
-}
-
 std::string exchange(unsigned short port, const std::string& request) {
-  const int fd = connectTo(port);
-  sendText(fd, request);
-  return readToEnd(fd);
+  test_support::HttpPeer peer(port);
+  peer.send(request);
+  return peer.readToEnd();
 }
 
 HttpServer::Options options() {
@@ -68,8 +37,8 @@ TEST(HttpServer, EveryLimitIsAnsweredWhileAnotherClientIsServed) {
   HttpServer::Options chosen = options();
   chosen.maxConnections = 2;
   HttpServer server(chosen);
-  const int pending = connectTo(server.port());
-  sendText(pending, "GET /metrics?x=1 HTTP/1.1\r\nHost: x\r\n");
+  test_support::HttpPeer pending(server.port());
+  pending.send("GET /metrics?x=1 HTTP/1.1\r\nHost: x\r\n");
   const struct {
     std::string request, status, end;
   } cases[] = {
@@ -82,34 +51,32 @@ TEST(HttpServer, EveryLimitIsAnsweredWhileAnotherClientIsServed) {
       {"GET\r\n\r\n", "400", ""},
       {"GET /metrics/x" + kClose + "\r\n", "404", ""},
   };
-  const auto waitForPending = [&server] {
+  for (const auto& c : cases) {
     while (server.counts().open != 1) {  // the server has seen the last exchange close
       std::this_thread::yield();
     }
-  };
-  for (const auto& c : cases) {
-    waitForPending();
     const std::string answer = exchange(server.port(), c.request);
     EXPECT_EQ(answer.substr(0, 12), "HTTP/1.1 " + c.status) << c.request.substr(0, 40);
     EXPECT_EQ(answer.substr(answer.size() - std::min(answer.size(), c.end.size())), c.end) << answer;
   }
-  waitForPending();
-  const int second = connectTo(server.port());  // takes the last place
-  sendText(second, "GET /healthz HTTP/1.1\r\n");
+  while (server.counts().open != 1) {
+    std::this_thread::yield();
+  }
+  auto second = std::make_unique<test_support::HttpPeer>(server.port());  // takes the last place
+  second->send("GET /healthz HTTP/1.1\r\n");
   EXPECT_EQ(exchange(server.port(), "GET /healthz" + kClose + "\r\n").substr(0, 12), "HTTP/1.1 503");
-  sendText(pending, "Connection: close\r\n\r\n");
+  pending.send("Connection: close\r\n\r\n");
   EXPECT_NE(
-      readToEnd(pending).find(
+      pending.readToEnd().find(
           "version=0.0.4; charset=utf-8\r\nConnection: close\r\nContent-Length: 15\r\n\r\nconnector_up 1\n"),
       std::string::npos);
-  ::close(second);
+  second.reset();
 
   HttpServer::Options hasty = options();
   hasty.headerTimeout = std::chrono::milliseconds(50);
   HttpServer quick(hasty);
   EXPECT_EQ(exchange(quick.port(), "GET / HTTP/1.1\r\n").substr(0, 12), "HTTP/1.1 408");
-  EXPECT_EQ(quick.counts().timedOut, 1u);
-  EXPECT_EQ(server.counts().tooManyConnections, 1u);
+  EXPECT_EQ(exchange(quick.port(), ""), "");  // an idle connection is closed unanswered
 }
 
 // Stopping lets an answer being written finish, however large, and frees the port.
@@ -120,13 +87,13 @@ TEST(HttpServer, StopFinishesTheAnswerBeingWrittenAndFreesThePort) {
   chosen.shutdownGrace = std::chrono::minutes(1);
   auto server = std::make_unique<HttpServer>(chosen);
   chosen.port = server->port();
-  const int reader = connectTo(chosen.port);
-  sendText(reader, "GET /" + kClose + "\r\n");
+  test_support::HttpPeer reader(chosen.port);
+  reader.send("GET /" + kClose + "\r\n");
   while (server->counts().ok == 0) {
     std::this_thread::yield();
   }
   auto stopped = std::async(std::launch::async, [&server] { server->stop(); });
-  const std::string answer = readToEnd(reader);
+  const std::string answer = reader.readToEnd();
   stopped.get();
   EXPECT_EQ(answer.size() - answer.find("\r\n\r\n") - 4, page.size());
   EXPECT_NO_THROW(HttpServer{chosen});
