@@ -43,8 +43,8 @@ struct MonitoringSources;
 std::vector<double> defaultLatencyBounds();
 
 struct MetricsOptions {
-  // Finite, positive and strictly ascending; +Inf is always added. The constructor of the
-  // exposition throws std::invalid_argument otherwise.
+  // Finite, positive and strictly ascending; +Inf is always added. The renderers throw
+  // std::invalid_argument otherwise.
   std::vector<double> latencyBounds = defaultLatencyBounds();
 };
 
