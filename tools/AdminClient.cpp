@@ -17,6 +17,7 @@
 
 #include "foundation/log/Log.h"
 #include "host/AdminServer.h"
+#include "tools/Monitoring.h"
 
 namespace connector {
 namespace shell {
@@ -272,19 +273,28 @@ void blockServerSignals() {
   pthread_sigmask(SIG_BLOCK, &waited, nullptr);
 }
 
-int serve(std::shared_ptr<host::CommandRegistry> registry, const std::string& socketPath) {
+int serve(std::shared_ptr<host::CommandRegistry> registry, const std::string& socketPath,
+          const std::string& httpEndpoint, host::MonitoringSources sources) {
   const sigset_t waited = serverSignals();
-  std::unique_ptr<host::AdminServer> server;
+  std::shared_ptr<host::AdminServer> server;
+  std::unique_ptr<host::HttpServer> http;
   try {
-    server = std::make_unique<host::AdminServer>(std::move(registry), socketPath);
+    server = std::make_shared<host::AdminServer>(std::move(registry), socketPath);
+    std::cout << "serving on " << socketPath << std::endl;
+    if (!httpEndpoint.empty()) {
+      sources.admin = server;
+      http = startMonitoring(httpEndpoint, std::move(sources), std::cout, std::cerr);
+    }
   } catch (const std::exception& error) {
     std::cerr << kProgram << error.what() << std::endl;
     return 2;
   }
-  std::cout << "serving on " << socketPath << std::endl;
   int signal = 0;
   while (sigwait(&waited, &signal) == 0 && signal == SIGHUP) {
     reopenFiles();
+  }
+  if (http) {
+    http->stop();
   }
   server->stop();
   std::cout << "stopped (" << (signal == SIGINT ? "SIGINT" : "SIGTERM") << ")" << std::endl;

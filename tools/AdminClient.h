@@ -15,6 +15,7 @@
 
 #include "host/AdminProtocol.h"
 #include "host/CommandRegistry.h"
+#include "host/MonitoringSources.h"
 
 namespace connector {
 namespace shell {
@@ -59,12 +60,14 @@ struct ClientOptions {
 // script read (the reason on standard error).
 int runClient(const ClientOptions& options);
 
-// --serve: serves `registry` on `socketPath` until SIGINT or SIGTERM, then stops cleanly and
-// returns 0; returns 2 when the server cannot start (the reason on standard error). Prints
-// "serving on SOCKET" on standard output once clients can connect. SIGHUP reopens every file the
-// process writes (as connector.log.reopen does) and records it on "connector.admin"; the server
-// goes on. Call blockServerSignals() first.
-int serve(std::shared_ptr<host::CommandRegistry> registry, const std::string& socketPath);
+// --serve: serves `registry` on `socketPath`, and with an `httpEndpoint` (--http) `sources` with
+// the administration server over HTTP, until SIGINT or SIGTERM, then stops cleanly and returns 0;
+// returns 2 when a server cannot start (the reason on standard error). Prints "serving on SOCKET"
+// (and "serving HTTP on HOST:PORT") on standard output once clients can connect. SIGHUP reopens every file
+// the process writes (as connector.log.reopen does) and records it on "connector.admin"; the server goes on.
+// Call blockServerSignals() first.
+int serve(std::shared_ptr<host::CommandRegistry> registry, const std::string& socketPath,
+          const std::string& httpEndpoint, host::MonitoringSources sources);
 
 // For --serve, before any thread starts (so that every thread inherits the mask): blocks SIGHUP,
 // SIGINT and SIGTERM, which only serve() takes, and ignores SIGUSR1 and SIGUSR2.

@@ -42,4 +42,16 @@ class Order final : public DemoMessage {
   std::string item_;
 };
 
+// A template, so that its type name holds what exporters must escape or quote: <, >, and a
+// comma once nested.
+template <typename Item>
+class Batch final : public DemoMessage {
+ public:
+  explicit Batch(std::string items) : items_(std::move(items)) {}
+  std::string describe() const override { return "demo::Batch " + connector::host::quoted(items_); }
+
+ private:
+  std::string items_;
+};
+
 }  // namespace demo

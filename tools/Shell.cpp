@@ -44,15 +44,16 @@ const char* const kFlakyName = "flaky";
 const char* const kApiAddress = "api";
 const char* const kFlakyAddress = "flaky";
 const char* const kLogChannel = "connector.shell";
-const char* const kMessageTypes = "ping, greeting, order";
+const char* const kMessageTypes = "ping, greeting, order, batch";
 const char* const kSendCommand = "connector.send";
 const char* const kSendDescription =
-    "Send a message: ADDRESS TYPE [TEXT] [-n COUNT] (TYPE: ping, greeting or order); answers the answer, "
-    "or for COUNT messages a count of their answers and the last one.";
+    "Send a message: ADDRESS TYPE [TEXT] [-n COUNT] (TYPE: ping, greeting, order or batch); answers the "
+    "answer, or for COUNT messages a count of their answers and the last one.";
 
 const char* const kUsage =
-    R"(Usage: connector-shell [--script FILE] [--config FILE] [--log-dir DIR] [--help] [--version]
-       connector-shell --serve SOCKET [--config FILE] [--log-dir DIR]
+    R"(Usage: connector-shell [--script FILE] [--config FILE] [--log-dir DIR] [--http HOST:PORT] [--help]
+                       [--version]
+       connector-shell --serve SOCKET [--config FILE] [--log-dir DIR] [--http HOST:PORT]
        connector-shell --connect SOCKET [-c 'COMMAND ARGS']... [--script FILE]
 
 An interactive host for the connector common services. It runs an EchoServiceProvider named
@@ -76,6 +77,10 @@ Options:
                   Unix socket SOCKET (mode 0600; only this user and root are served) until
                   SIGINT or SIGTERM; SIGHUP reopens the log files, SIGUSR1 and SIGUSR2 are
                   ignored; no --script
+  --http HOST:PORT  also serve the host's figures over HTTP, read-only: GET /metrics (Prometheus
+                  text format), GET / (a status page) and GET /healthz; HOST is an IP address,
+                  such as 127.0.0.1:9464 or [::1]:9464 (port 0: any free port, printed); any
+                  address but loopback lets everyone who can reach the port read the figures
   --connect SOCKET  run administration commands on the server at SOCKET: those of -c and
                   --script, else those typed at the prompt ("help" lists the server's);
                   "config get|set|list ..." runs the server's connector.config.get|set|list,
@@ -86,7 +91,7 @@ Options:
 Commands:
   send ADDRESS TYPE [TEXT] [-n COUNT]
                                 send a message to ADDRESS and print the answer; TYPE is ping,
-                                greeting or order (greeting and order carry TEXT); with -n,
+                                greeting, order or batch (all but ping carry TEXT); with -n,
                                 COUNT messages at once and a count of their answers
   config set KEY VALUE [LABEL]  set KEY to VALUE under LABEL (default "operator"); the label
                                 "default" is the lowest layer and never hides another label's value
@@ -128,7 +133,8 @@ struct ShellCommand {
 };
 const ShellCommand kShellCommands[] = {
     {"send",
-     "  send ADDRESS TYPE [TEXT] [-n COUNT]  send a message (TYPE: ping, greeting, order), COUNT times\n"},
+     "  send ADDRESS TYPE [TEXT] [-n COUNT]  send a message (TYPE: ping, greeting, order, batch), COUNT "
+     "times\n"},
     {"config",
      "  config set KEY VALUE [LABEL]  set a configuration value (LABEL defaults to \"operator\")\n"
      "  config get KEY                print a key's value, type and label\n"
@@ -152,6 +158,9 @@ std::unique_ptr<Message> makeMessage(const std::string& type, const std::string*
   }
   if (type == "order") {
     return std::make_unique<demo::Order>(text != nullptr ? *text : std::string());
+  }
+  if (type == "batch") {
+    return std::make_unique<demo::Batch<demo::Order>>(text != nullptr ? *text : std::string());
   }
   throw std::invalid_argument("unknown message type " + host::quoted(type, host::kEchoLimit) +
                               "; the types are " + kMessageTypes);
@@ -239,8 +248,8 @@ Shell::Shell(std::ostream& out, std::ostream& err)
   connector_->setRoute(kEchoAddress, {kLoggerName, kEchoName});
   access_ = std::make_shared<common_services::AccessLogServiceProvider>(configuration_, kAccessName);
   connector_->addServiceProvider(kAccessName, access_);
-  connector_->addServiceProvider(
-      kMetricsName, std::make_shared<common_services::StatisticsServiceProvider>(registry_, kMetricsName));
+  statistics_ = std::make_shared<common_services::StatisticsServiceProvider>(registry_, kMetricsName);
+  connector_->addServiceProvider(kMetricsName, statistics_);
   connector_->addServiceProvider(kFlakyName, std::make_shared<demo::FlakyServiceProvider>());
   connector_->setRoute(kApiAddress, {kAccessName, kMetricsName, kEchoName});
   connector_->setRoute(kFlakyAddress, {kAccessName, kMetricsName, kFlakyName});
@@ -256,6 +265,15 @@ Shell::Shell(std::ostream& out, std::ostream& err)
 
 Shell::~Shell() {
   registry_->unregisterCommand(kSendCommand);
+}
+
+host::MonitoringSources Shell::monitoringSources() const {
+  host::MonitoringSources sources;
+  sources.statistics = {statistics_};
+  sources.accessLogs = {access_};
+  sources.connector = connector_;
+  sources.version = CONNECTOR_SHELL_VERSION;
+  return sources;
 }
 
 bool Shell::run(const std::string& line) {
@@ -500,7 +518,7 @@ std::vector<std::string> Shell::completions(const std::vector<std::string>& befo
     return secondWords(before[0]);
   }
   if (before.size() == 2 && before[0] == "send") {
-    return {"ping", "greeting", "order"};
+    return {"ping", "greeting", "order", "batch"};
   }
   std::vector<std::string> keys;
   if (before.size() == 2 && before[0] == "config" && (before[1] == "get" || before[1] == "set")) {

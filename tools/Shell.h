@@ -23,11 +23,13 @@
 #include "host/ConfigurationCommands.h"
 #include "host/ConfigurationStore.h"
 #include "host/Connector.h"
+#include "host/MonitoringSources.h"
 
 namespace connector {
 namespace common_services {
 class AccessLogServiceProvider;
 class ConnectorCommandProvider;
+class StatisticsServiceProvider;
 class LoggingCommandProvider;
 class LogOperationsCommandProvider;
 }  // namespace common_services
@@ -64,6 +66,10 @@ class Shell {
   // The registry of the shell's host, for serving it to other processes.
   std::shared_ptr<host::CommandRegistry> registry() const { return registry_; }
 
+  // What the HTTP monitoring endpoint reads: "metrics", "access", the connector and the version
+  // (no administration server: the caller adds the one it runs).
+  host::MonitoringSources monitoringSources() const;
+
  private:
   using Word = host::admin::Word;
 
@@ -92,7 +98,8 @@ class Shell {
   std::shared_ptr<host::ConfigurationStore> configuration_;
   std::shared_ptr<host::CommandRegistry> registry_;
   std::shared_ptr<host::Connector> connector_;
-  std::shared_ptr<common_services::AccessLogServiceProvider> access_;  // also routed in connector_
+  std::shared_ptr<common_services::AccessLogServiceProvider> access_;       // also routed in connector_
+  std::shared_ptr<common_services::StatisticsServiceProvider> statistics_;  // also routed in connector_
   std::unique_ptr<common_services::ConnectorCommandProvider> connectorCommands_;
   std::unique_ptr<common_services::LoggingCommandProvider> logCommands_;
   std::unique_ptr<common_services::LogOperationsCommandProvider> logOperations_;

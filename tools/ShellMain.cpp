@@ -17,6 +17,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -26,6 +27,7 @@
 #include "foundation/log/Log.h"
 #include "host/DisplayText.h"
 #include "tools/AdminClient.h"
+#include "tools/Monitoring.h"
 #include "tools/Shell.h"
 
 namespace {
@@ -245,6 +247,7 @@ int main(int argc, char** argv) {
   std::string logDirectory = ".";
   std::string serveSocket;
   std::string configFile;
+  std::string httpEndpoint;
   connector::shell::ClientOptions client;
   for (int i = 1; i < argc; ++i) {
     const std::string option = argv[i];
@@ -256,8 +259,12 @@ int main(int argc, char** argv) {
       std::cout << "connector-shell " << CONNECTOR_SHELL_VERSION << std::endl;
       return 0;
     }
-    if ((option == "--script" || option == "--log-dir" || option == "--config") && i + 1 < argc) {
-      (option == "--script" ? script : option == "--config" ? configFile : logDirectory) = argv[++i];
+    if ((option == "--script" || option == "--log-dir" || option == "--config" || option == "--http") &&
+        i + 1 < argc) {
+      (option == "--script"   ? script
+       : option == "--config" ? configFile
+       : option == "--http"   ? httpEndpoint
+                              : logDirectory) = argv[++i];
       continue;
     }
     if ((option == "--serve" || option == "--connect" || option == "-c") && i + 1 < argc) {
@@ -268,7 +275,7 @@ int main(int argc, char** argv) {
       continue;
     }
     if (option == "--script" || option == "--log-dir" || option == "--serve" || option == "--connect" ||
-        option == "-c" || option == "--config") {
+        option == "-c" || option == "--config" || option == "--http") {
       return usageError(option + " needs a value");
     }
     return usageError("unknown option \"" + option + "\"");
@@ -277,6 +284,10 @@ int main(int argc, char** argv) {
   if (!client.socketPath.empty()) {
     if (!serveSocket.empty()) {
       return usageError("--serve and --connect exclude each other");
+    }
+    if (!httpEndpoint.empty()) {
+      return usageError(
+          "--http serves this process's figures; run it on the server (--serve SOCKET --http ...)");
     }
     if (!configFile.empty()) {
       return usageError("--config configures this process's host; with --connect, use -c 'config set ...'");
@@ -320,13 +331,21 @@ int main(int argc, char** argv) {
     if (!configure(*shell.registry(), configFile)) {
       return 2;
     }
-    return connector::shell::serve(shell.registry(), serveSocket);
+    return connector::shell::serve(shell.registry(), serveSocket, httpEndpoint, shell.monitoringSources());
   }
   const bool fromTerminal = script.empty() && isatty(STDIN_FILENO);
   const int interrupts = fromTerminal ? takeInterrupts() : -1;
   connector::shell::Shell shell(std::cout, std::cerr);
   if (!configure(*shell.registry(), configFile)) {
     return 2;
+  }
+  std::unique_ptr<connector::host::HttpServer> http;
+  if (!httpEndpoint.empty()) {
+    try {
+      http = connector::shell::startMonitoring(httpEndpoint, shell.monitoringSources(), std::cout, std::cerr);
+    } catch (const std::exception& error) {
+      return usageError(std::string("--http: ") + error.what());
+    }
   }
   if (!script.empty()) {
     return batch(shell, file, true);

@@ -1,8 +1,15 @@
 // Embeds the library on the reference host: an echo service behind a logging service on the
 // address "orders", both command providers, messages sent from two threads, the logging filter
-// changed while the host runs, and a command run as an operator would run it.
+// changed while the host runs, a command run as an operator would run it, and the HTTP
+// monitoring endpoint that Prometheus would scrape, asked whether the host is healthy.
 //
-// Exits with 0 when every answer was the message sent and the command succeeded.
+// Exits with 0 when every answer was the message sent, the command succeeded and the endpoint
+// answered.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <atomic>
 #include <iostream>
 #include <memory>
@@ -15,6 +22,7 @@
 #include "host/CommandRegistry.h"
 #include "host/ConfigurationStore.h"
 #include "host/Connector.h"
+#include "host/HttpServer.h"
 #include "services/EchoServiceProvider.h"
 #include "services/LoggingServiceProvider.h"
 
@@ -57,6 +65,26 @@ int sendFromTwoThreads(connector::host::Connector& connector, int count) {
   return wrong.load();
 }
 
+// GET /healthz from the endpoint on this host's `port`; returns the whole answer.
+std::string askHealth(unsigned short port) {
+  const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(port);
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  std::string answer;
+  const std::string request = "GET /healthz HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n";
+  if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
+      ::send(fd, request.data(), request.size(), 0) == static_cast<ssize_t>(request.size())) {
+    char chunk[512];
+    for (ssize_t n; (n = ::recv(fd, chunk, sizeof chunk, 0)) > 0;) {
+      answer.append(chunk, static_cast<std::size_t>(n));
+    }
+  }
+  ::close(fd);
+  return answer;
+}
+
 }  // namespace
 
 int main() {
@@ -82,5 +110,15 @@ int main() {
       registry->execute("connector.listServiceProviders", {});
   std::cout << "connector.listServiceProviders:\n" << providers.text;
   std::cout << (wrong == 0 ? "every answer was the message sent\n" : "some answers were wrong\n");
-  return wrong == 0 && providers.succeeded ? 0 : 1;
+
+  // The monitoring endpoint, on loopback; port 0 takes any free port (a real host names one, such
+  // as 9464, in Prometheus's scrape configuration). The callables render the bodies of /metrics
+  // and of the status page /, on the endpoint's thread, at each request.
+  connector::host::HttpServer::Options http;
+  http.port = 0;
+  http.metrics = [] { return std::string("# TYPE example_up gauge\nexample_up 1\n"); };
+  connector::host::HttpServer monitoring(http);
+  const bool healthy = askHealth(monitoring.port()).find("\r\n\r\nok") != std::string::npos;
+  std::cout << "GET /healthz on port " << monitoring.port() << (healthy ? ": ok\n" : ": no answer\n");
+  return wrong == 0 && providers.succeeded && healthy ? 0 : 1;
 }
