@@ -62,6 +62,7 @@ void ServerState::accept() {
       });
       return;
     }
+    activity->connections.fetch_add(1, std::memory_order_relaxed);
     ucred peer{};
     socklen_t size = sizeof peer;
     std::string refusal;
@@ -162,6 +163,13 @@ const std::string& AdminServer::socketPath() const {
 
 AdminServer::RefusalCounts AdminServer::refusals() const {
   return impl_->refusals.snapshot();
+}
+
+AdminServer::ActivityCounts AdminServer::activity() const {
+  const detail::ActivityCounters& counts = *impl_->activity;
+  return {counts.connections.load(std::memory_order_relaxed),
+          counts.commandsSucceeded.load(std::memory_order_relaxed),
+          counts.commandsFailed.load(std::memory_order_relaxed)};
 }
 
 }  // namespace host

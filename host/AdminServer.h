@@ -47,6 +47,14 @@ class AdminServer {
     std::uint64_t foreignPeer = 0;         // a peer of another uid, or without credentials
   };
 
+  // What the server has served since it started: connections accepted (refused ones included)
+  // and commands run, by whether they succeeded.
+  struct ActivityCounts {
+    std::uint64_t connections = 0;
+    std::uint64_t commandsSucceeded = 0;
+    std::uint64_t commandsFailed = 0;
+  };
+
   struct Options {
     std::size_t maxConnections = 32;
     std::chrono::milliseconds idleTimeout = std::chrono::minutes(5);
@@ -73,6 +81,7 @@ class AdminServer {
 
   // The counts at one moment; safe from any thread, for a metrics exporter.
   RefusalCounts refusals() const;
+  ActivityCounts activity() const;
 
  private:
   struct Impl;

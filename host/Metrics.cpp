@@ -4,8 +4,10 @@
 #include <cmath>
 #include <cstdint>
 #include <initializer_list>
+#include <iterator>
 #include <stdexcept>
 #include <string_view>
+#include <tuple>
 #include <utility>
 
 #include "foundation/log/Log.h"
@@ -188,17 +190,33 @@ void appendAccessLogs(Exposition& out, const MonitoringSources& sources) {
 
 void appendProcessLog(Exposition& out) {
   const foundation::log::statistics_snapshot log = foundation::log::statistics();
-  out.family("connector_log_records_total", "counter", "Process-log records passed to a destination.");
-  out.sample("connector_log_records_total", {}, log.records);
+  static constexpr const char* kLevels[] = {"trace", "debug", "info", "warn", "error", "critical"};
+  static_assert(std::size(kLevels) == std::tuple_size_v<decltype(log.records_by_level)>);
+  out.family("connector_log_records_total", "counter",
+             "Process-log records passed to a destination, by level.");
+  for (std::size_t i = 0; i < std::size(kLevels); ++i) {
+    out.sample("connector_log_records_total", {{"level", kLevels[i]}}, log.records_by_level[i]);
+  }
   out.family("connector_log_dropped_records_total", "counter",
              "Process-log records dropped by a full async queue.");
   out.sample("connector_log_dropped_records_total", {}, log.dropped);
   out.family("connector_log_queued_records", "gauge",
              "Process-log records waiting in the async queue of the destination in force.");
   out.sample("connector_log_queued_records", {}, log.queued);
+  out.family("connector_log_reopens_total", "counter",
+             "Successful reopenings of the process log's file (after an outside rotation).");
+  out.sample("connector_log_reopens_total", {}, log.reopens);
 }
 
 void appendAdmin(Exposition& out, const AdminServer& admin) {
+  const AdminServer::ActivityCounts activity = admin.activity();
+  out.family("connector_admin_connections_total", "counter",
+             "Connections the administration endpoint accepted, refused ones included.");
+  out.sample("connector_admin_connections_total", {}, activity.connections);
+  out.family("connector_admin_commands_total", "counter",
+             "Commands the administration endpoint ran, by outcome.");
+  out.sample("connector_admin_commands_total", {{"outcome", "succeeded"}}, activity.commandsSucceeded);
+  out.sample("connector_admin_commands_total", {{"outcome", "failed"}}, activity.commandsFailed);
   const AdminServer::RefusalCounts refusals = admin.refusals();
   out.family("connector_admin_refusals_total", "counter",
              "Administration-endpoint requests and connections refused, by reason.");

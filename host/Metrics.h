@@ -8,14 +8,17 @@
 //   connector_requests_total{provider,type,outcome="succeeded"|"failed"}        counter
 //   connector_requests_in_flight{provider,type}                                  gauge
 //   connector_request_duration_seconds{provider,type,le}  _bucket _sum _count    histogram
-//   connector_access_log_lines_selected_total{provider}                          counter
-//   connector_access_log_lines_total{provider,outcome="written"|"dropped"|"failed"}  counter
-//   connector_log_records_total, connector_log_dropped_records_total             counter
+//   connector_access_log_requests_total{access_log,outcome="selected"|"selected_out"} counter
+//   connector_access_log_lines_total{access_log,outcome="written"|"dropped"|"failed"} counter
+//   connector_log_records_total{level}                                           counter
+//   connector_log_dropped_records_total, connector_log_reopens_total             counter
 //   connector_log_queued_records                                                 gauge
+//   connector_admin_connections_total                                            counter
 //   connector_admin_commands_total{outcome="succeeded"|"failed"}                 counter
 //   connector_admin_refusals_total{reason}                                       counter
 //   connector_build_info{version} 1                                              gauge
-// A label value holds any bytes: backslash, double quote and line feed are escaped as the format
+// An access log is labelled by its place in MonitoringSources::accessLogs, from 1. A label value
+// holds any bytes: backslash, double quote and line feed are escaped as the format
 // asks, so a C++ type name such as `Box<std::string, "a\b">` stays valid exposition.
 //
 // The histogram's `le` bounds are read off the provider's fine latency buckets: a fine bucket

@@ -23,7 +23,7 @@ using common_services::LatencySnapshot;
 // Plot geometry, in SVG user units.
 constexpr double kWidth = 480;
 constexpr double kHeight = 150;
-constexpr double kMargin = 10;
+constexpr double kMargin = 24;
 constexpr double kAxis = 20;  // below the plot, for the decade labels
 
 constexpr const char* kHead =

@@ -20,17 +20,20 @@ echo "== $logs/connector-shell.log (the process log after the demo moved it to a
 cat "$logs/connector-shell.log"
 
 # The host as a server: a second process changes its log specification and lists its service
-# providers through the administration socket, then the server is stopped with SIGTERM.
+# providers through the administration socket, curl reads its HTTP monitoring endpoint, then the
+# server is stopped with SIGTERM.
 shell=./build/release/tools/connector-shell
 run=$(mktemp -d "${TMPDIR:-/tmp}/connector-demo.XXXXXX")
 server=""
 trap '[ -n "$server" ] && kill "$server" 2>/dev/null; rm -rf "$run"' EXIT
 socket="$run/admin.sock"
 mkfifo "$run/ready"
-"$shell" --serve "$socket" --log-dir "$logs" >"$run/ready" 2>"$logs/server.log" &
+"$shell" --serve "$socket" --http 127.0.0.1:0 --log-dir "$logs" >"$run/ready" 2>"$logs/server.log" &
 server=$!
 exec 3<"$run/ready"
 read -r announced <&3  # "serving on SOCKET": clients may connect from here on
+read -r http <&3       # "serving HTTP on 127.0.0.1:PORT", port 0 having chosen a free one
+http=${http##* }
 echo
 echo "== a server in the background ($announced), operated from a second process"
 remote() {
@@ -44,6 +47,13 @@ remote() {
 remote 'connector.log.setSpecification "info,connector.admin=warn"' connector.log.getSpecification
 remote connector.listServiceProviders
 remote connector.log.getDestination bogus
+echo
+echo "== the HTTP monitoring endpoint ($http)"
+echo "\$ curl -s http://$http/healthz"
+curl -s "http://$http/healthz"
+echo
+echo "\$ curl -s http://$http/metrics | grep -E '^connector_(admin_commands|admin_connections|build_info)'"
+curl -s "http://$http/metrics" | grep -E '^connector_(admin_commands|admin_connections|build_info)'
 kill -TERM "$server"
 wait "$server"
 echo "(the server stopped with exit status $?; its socket is gone: $(test -e "$socket" && echo no || echo yes))"

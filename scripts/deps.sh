@@ -3,10 +3,10 @@
 # Usage: scripts/deps.sh [build|test]   (test adds what the sanitizer, fuzz and terminal tests use)
 set -euo pipefail
 packages=(g++ cmake ninja-build pkg-config libboost-dev libboost-thread-dev libspdlog-dev libfmt-dev
-  nlohmann-json3-dev
+  nlohmann-json3-dev curl
   libgtest-dev libgmock-dev libbenchmark-dev libreadline-dev)
 if [ "${1:-build}" = test ]; then
-  packages+=(clang libclang-rt-14-dev tmux prometheus chromium curl)
+  packages+=(clang libclang-rt-14-dev tmux prometheus chromium)
 fi
 missing=()
 for p in "${packages[@]}"; do

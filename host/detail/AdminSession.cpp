@@ -165,8 +165,9 @@ class Session : public std::enable_shared_from_this<Session> {
       arguments.push_back(std::move(words[i].text));
     }
     std::weak_ptr<Session> weak = shared_from_this();
-    server_.pool->submit([registry = server_.registry, path = server_.returnPath, weak, caller = caller_,
-                          name = std::move(name), arguments = std::move(arguments)]() mutable {
+    server_.pool->submit([registry = server_.registry, path = server_.returnPath, activity = server_.activity,
+                          weak, caller = caller_, name = std::move(name),
+                          arguments = std::move(arguments)]() mutable {
       CommandRegistry::Result result{false, {}};
       try {
         result = registry->execute(name, std::move(arguments), caller);
@@ -176,6 +177,8 @@ class Session : public std::enable_shared_from_this<Session> {
       } catch (...) {
         result = {false, name + " could not run: an unknown exception"};
       }
+      (result.succeeded ? activity->commandsSucceeded : activity->commandsFailed)
+          .fetch_add(1, std::memory_order_relaxed);
       path->post([weak, result = std::move(result)]() mutable {
         if (std::shared_ptr<Session> self = weak.lock()) {
           self->answered(std::move(result));

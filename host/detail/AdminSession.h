@@ -104,6 +104,14 @@ class RefusalLog {
   std::array<Pace, kRefusalKinds> paces_{};                         // the I/O thread's
 };
 
+// AdminServer::ActivityCounts as they grow: written by the I/O thread and the command pool,
+// read from any thread.
+struct ActivityCounters {
+  std::atomic<std::uint64_t> connections{0};
+  std::atomic<std::uint64_t> commandsSucceeded{0};
+  std::atomic<std::uint64_t> commandsFailed{0};
+};
+
 // The server's state; everything but the owner's `stopped` flag is used from the I/O thread.
 struct ServerState {
   using Options = AdminServer::Options;
@@ -124,6 +132,7 @@ struct ServerState {
   std::unordered_set<Session*> sessions;
   std::size_t counted = 0;  // sessions that take one of maxConnections
   RefusalLog refusals;
+  const std::shared_ptr<ActivityCounters> activity = std::make_shared<ActivityCounters>();
   bool shuttingDown = false;
 
   asio::io_context context;

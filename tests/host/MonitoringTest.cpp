@@ -9,11 +9,15 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "host/AdminServer.h"
+#include "host/CommandRegistry.h"
 #include "host/Connector.h"
 #include "host/Metrics.h"
 #include "host/MonitoringSources.h"
 #include "host/StatusPage.h"
 #include "services/EchoServiceProvider.h"
+#include "tests/support/AdminPeer.h"
+#include "tests/support/TempDirectory.h"
 
 namespace connector {
 namespace {
@@ -117,6 +121,20 @@ TEST(StatusPage, ShowsProcessTextsAsText) {
   const std::string page = host::renderStatusPage(sources);
   EXPECT_THAT(page, HasSubstr("Box&lt;script&gt;"));
   EXPECT_THAT(page, Not(HasSubstr("<script")));
+}
+
+// The administration endpoint counts each connection it accepts and each command by its outcome.
+TEST(AdminServerActivity, CountsConnectionsAndCommandsByOutcome) {
+  test_support::TempDirectory directory;
+  host::AdminServer server(std::make_shared<host::CommandRegistry>(), directory / "admin.sock");
+  {
+    test_support::AdminPeer peer(server.socketPath());
+    for (const char* command : {"help", "no.such.command", "help"})
+      peer.call(command);
+  }
+  EXPECT_EQ(server.activity().connections, 1u);
+  EXPECT_EQ(server.activity().commandsSucceeded, 2u);
+  EXPECT_EQ(server.activity().commandsFailed, 1u);
 }
 
 }  // namespace
