@@ -5,7 +5,7 @@
 //   GET /         Options::statusPage(), as text/html; charset=utf-8
 //   GET /healthz  200 "ok"
 // HEAD answers the same headers with no body. A path whose callable is empty is unknown (404); a
-// callable that throws is answered 500 with its text, and the server goes on. A query string is
+// callable that throws is answered 500 with the exception's text, and the server goes on. A query string is
 // ignored. Nothing changes state over HTTP: the server holds no command registry, so a scrape runs
 // no command and writes no audit record.
 //
