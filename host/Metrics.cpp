@@ -203,6 +203,9 @@ void appendProcessLog(Exposition& out) {
   out.family("connector_log_queued_records", "gauge",
              "Process-log records waiting in the async queue of the destination in force.");
   out.sample("connector_log_queued_records", {}, log.queued);
+  out.family("connector_log_rotations_total", "counter",
+             "Files that \"rotating:\" destinations of the process log rotated.");
+  out.sample("connector_log_rotations_total", {}, log.rotations);
   out.family("connector_log_reopens_total", "counter",
              "Successful reopenings of the process log's file (after an outside rotation).");
   out.sample("connector_log_reopens_total", {}, log.reopens);

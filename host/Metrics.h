@@ -11,7 +11,8 @@
 //   connector_access_log_requests_total{access_log,outcome="selected"|"selected_out"} counter
 //   connector_access_log_lines_total{access_log,outcome="written"|"dropped"|"failed"} counter
 //   connector_log_records_total{level}                                           counter
-//   connector_log_dropped_records_total, connector_log_reopens_total             counter
+//   connector_log_dropped_records_total, connector_log_rotations_total,
+//   connector_log_reopens_total                                                  counter
 //   connector_log_queued_records                                                 gauge
 //   connector_admin_connections_total                                            counter
 //   connector_admin_commands_total{outcome="succeeded"|"failed"}                 counter
@@ -42,8 +43,8 @@ struct MonitoringSources;
 std::vector<double> defaultLatencyBounds();
 
 struct MetricsOptions {
-  // Finite, positive and strictly ascending; +Inf is always added. The constructor of the
-  // exposition throws std::invalid_argument otherwise.
+  // Finite, positive and strictly ascending; +Inf is always added. The renderers throw
+  // std::invalid_argument otherwise.
   std::vector<double> latencyBounds = defaultLatencyBounds();
 };
 

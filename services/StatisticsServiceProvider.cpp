@@ -123,9 +123,8 @@ struct StatisticsServiceProvider::State {
       ++inFlightByType[request.type];
     }
     Figures all;
-    detail::LatencyMerge merge;
     for (const TypeStats* type : types.all()) {
-      merge = detail::LatencyMerge();
+      detail::LatencyMerge merge;  // made afresh, not assigned: it writes only its touched lines
       TypeSnapshot figures;
       figures.type = std::string(type->name);
       for (const auto& slot : type->blocks) {

@@ -90,11 +90,12 @@ TEST(Metrics, LabelValuesReadBackExactlyWhateverTheTypeName) {
 }
 
 // A fine bucket counts into every bound that its largest latency does not exceed, the overflow
-// into +Inf alone; so buckets are cumulative and +Inf equals _count.
+// into +Inf alone; so buckets are cumulative and +Inf equals _count. The sum is in seconds.
 TEST(Metrics, BucketsAreCumulativeAndEndInInfEqualToCount) {
   Type type{"T", 15, 0, 0, {}};
   type.latency.count = 15;
   type.latency.overflow = 8;
+  type.latency.sumNanoseconds = 1'500'000'000;
   type.latency.buckets = {{999, 1000, 1}, {1000, 1001, 2}, {1001, 1002, 4}};
   host::MetricsOptions options{{1e-6, 2.5e-6}};
   const auto buckets = samples(host::renderRequestMetrics({{"stats", {type}}}, options),
@@ -105,10 +106,13 @@ TEST(Metrics, BucketsAreCumulativeAndEndInInfEqualToCount) {
   EXPECT_EQ(buckets[1].at("="), "7");
   EXPECT_EQ(buckets[2].at("le"), "+Inf");
   EXPECT_EQ(buckets[2].at("="), "15");
+  const std::string exposition = host::renderRequestMetrics({{"stats", {type}}}, options);
+  EXPECT_EQ(samples(exposition, "connector_request_duration_seconds_sum").at(0).at("="), "1.5");
 }
 
 // Bounds an embedder passes must be positive, finite and strictly ascending.
-TEST(Metrics, RefusesBoundsOutOfOrder) {
+TEST(Metrics, RefusesBoundsNotPositiveOrOutOfOrder) {
+  EXPECT_THROW(host::renderRequestMetrics({}, {{0.0, 1e-3}}), std::invalid_argument);
   EXPECT_THROW(host::renderRequestMetrics({}, {{1e-3, 1e-3}}), std::invalid_argument);
 }
 

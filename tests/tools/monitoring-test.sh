@@ -2,7 +2,8 @@
 # The HTTP monitoring endpoint of connector-shell read by the real consumers of its pages.
 # Usage: monitoring-test.sh SHELL promtool|prometheus|chromium OUTPUT_DIR
 #   promtool    `promtool check metrics` accepts /metrics after requests of several types, one of
-#               them a template type, with no error and no warning
+#               them a template type, with no error and no warning (every mode first checks that
+#               NAME.statistics.reset leaves the exported counters alone)
 #   prometheus  a Prometheus server scraping every second reads back the request count and a p99
 #   chromium    headless Chromium renders / with the table rows and one SVG per type, and writes
 #               a screenshot to OUTPUT_DIR/status-page.png
@@ -31,15 +32,20 @@ done
 [ -n "$port" ] || fail "the shell did not report its HTTP port: $(cat "$work/err")"
 base=http://127.0.0.1:$port
 
-# 30 pings, 20 orders and 10 batches (demo::Batch<demo::Order>) through the statistics provider.
-{ echo "send api ping -n 30"; echo "send api order x -n 20"; echo "send api batch y -n 10"; } >&3
+# 30 pings, 20 orders and 10 batches (demo::Batch<demo::Order>) through the statistics provider,
+# then a reset of what the commands show, which the exported counters must not follow; the
+# greeting sent after it tells when the reset has run.
+{
+  echo "send api ping -n 30"; echo "send api order x -n 20"; echo "send api batch y -n 10"
+  echo "metrics.statistics.reset"; echo "send api greeting z"
+} >&3
 for _ in $(seq 100); do
-  grep -q 'demo::Batch<demo::Order>",outcome="succeeded"} 10' <(curl -sf "$base/metrics") && break
+  grep -q 'demo::Greeting",outcome="succeeded"} 1' <(curl -sf "$base/metrics") && break
   sleep 0.1
 done
 curl -sf "$base/metrics" >"$work/metrics"
 grep -q 'demo::Batch<demo::Order>",outcome="succeeded"} 10' "$work/metrics" ||
-  fail "the requests do not show in /metrics: $(head -c 2000 "$work/metrics")"
+  fail "the requests before the reset do not show in /metrics: $(head -c 2000 "$work/metrics")"
 
 case $mode in
 promtool)
@@ -73,11 +79,11 @@ chromium)
   browser=(chromium --headless --no-sandbox --disable-gpu --disable-quic --no-first-run
     --disable-background-networking --disable-component-update --disable-sync)
   "${browser[@]}" --user-data-dir="$work/profile-dom" --dump-dom "$base/" >"$work/dom" 2>/dev/null
-  for type in 'demo::Ping' 'demo::Order' 'demo::Batch&lt;demo::Order&gt;'; do
+  for type in 'demo::Ping' 'demo::Order' 'demo::Batch&lt;demo::Order&gt;' 'demo::Greeting'; do
     grep -q "<td>$type</td>" "$work/dom" || fail "no table row for $type"
   done
   svgs=$(grep -o '<svg' "$work/dom" | wc -l)
-  [ "$svgs" = 3 ] || fail "$svgs SVG plots for 3 types"
+  [ "$svgs" = 4 ] || fail "$svgs SVG plots for 4 types"
   "${browser[@]}" --user-data-dir="$work/profile-shot" --window-size=1000,1400 \
     --screenshot="$output/status-page.png" "$base/" >/dev/null 2>&1
   [ -s "$output/status-page.png" ] || fail "no screenshot at $output/status-page.png"
