@@ -238,12 +238,17 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
              version);
     } else {
       std::string text;
+      std::optional<std::string> failure;
       try {
         text = (*render)();
       } catch (const std::exception& error) {
+        failure = error.what();
+      } catch (...) {
+        failure = "an exception that is not a std::exception";
+      }
+      if (failure) {
         answer(http::status::internal_server_error, kTextType,
-               "rendering " + std::string(path) + " failed: " + error.what() + "\n", keepAlive, head,
-               version);
+               "rendering " + std::string(path) + " failed: " + *failure + "\n", keepAlive, head, version);
         return;
       }
       answer(http::status::ok, path == "/" ? kPageType : kMetricsType, std::move(text), keepAlive, head,

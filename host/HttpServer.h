@@ -5,9 +5,9 @@
 //   GET /         Options::statusPage(), as text/html; charset=utf-8
 //   GET /healthz  200 "ok"
 // HEAD answers the same headers with no body. A path whose callable is empty is unknown (404); a
-// callable that throws is answered 500 with its text, and the server goes on. A query string is
-// ignored. Nothing changes state over HTTP: the server holds no command registry, so a scrape runs
-// no command and writes no audit record.
+// callable that throws is answered 500 with the exception's text, and the server goes on. A query
+// string is ignored. Nothing changes state over HTTP: the server holds no command registry, so a
+// scrape runs no command and writes no audit record.
 //
 // Limits, each answered while the server keeps serving every other connection: a method other
 // than GET or HEAD (405), a request with a body (400, closed), headers over kMaxHeaderBytes (431,

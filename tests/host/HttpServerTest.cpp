@@ -31,8 +31,8 @@ HttpServer::Options options() {
 
 const std::string kClose = " HTTP/1.1\r\nHost: x\r\nConnection: close\r\n";
 
-// Every limit and page has its answer, and each is given while another client is half-way
-// through its headers: it is answered at the end as if nothing had happened.
+// Every limit and page has its answer (a renderer that throws, 500), and each is given while another client
+// is half-way through its headers: it is answered at the end as if nothing had happened.
 TEST(HttpServer, EveryLimitIsAnsweredWhileAnotherClientIsServed) {
   HttpServer::Options chosen = options();
   chosen.maxConnections = 2;
@@ -74,9 +74,11 @@ TEST(HttpServer, EveryLimitIsAnsweredWhileAnotherClientIsServed) {
 
   HttpServer::Options hasty = options();
   hasty.headerTimeout = std::chrono::milliseconds(50);
+  hasty.metrics = []() -> std::string { throw 42; };  // not even a std::exception
   HttpServer quick(hasty);
   EXPECT_EQ(exchange(quick.port(), "GET / HTTP/1.1\r\n").substr(0, 12), "HTTP/1.1 408");
   EXPECT_EQ(exchange(quick.port(), ""), "");  // an idle connection is closed unanswered
+  EXPECT_EQ(exchange(quick.port(), "GET /metrics" + kClose + "\r\n").substr(0, 12), "HTTP/1.1 500");
 }
 
 // Stopping lets an answer being written finish, however large, and frees the port.

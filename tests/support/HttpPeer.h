@@ -1,6 +1,6 @@
 // A client of the HTTP endpoint for tests and fuzzers: one loopback connection, raw bytes out and
 // answers in, with a generous receive bound (a hung server fails the caller, it is not a timing
-// assertion). Throws std::runtime_error when it cannot connect or send. One thread at a time.
+// assertion). One thread at a time.
 #pragma once
 
 #include <arpa/inet.h>
@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <stdexcept>
 #include <string>
 
 namespace connector {
@@ -21,18 +20,13 @@ class HttpPeer {
     sockaddr_in address{AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
     const timeval patience{60, 0};
     ::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
-    if (::connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
-      ::close(fd_);
-      throw std::runtime_error("cannot connect to the HTTP endpoint on port " + std::to_string(port));
-    }
+    ::connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address);  // failing, it answers nothing
   }
   ~HttpPeer() { ::close(fd_); }
 
-  // Sends `bytes`, all of them or throws; with `last`, ends the sending side then.
+  // Sends `bytes` (a failure shows as a missing answer); with `last`, ends the sending side then.
   void send(const std::string& bytes, bool last = false) {
-    if (::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(bytes.size())) {
-      throw std::runtime_error("the HTTP endpoint took not all of a request");
-    }
+    ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
     if (last) {
       ::shutdown(fd_, SHUT_WR);
     }
