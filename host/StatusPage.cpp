@@ -26,6 +26,8 @@ constexpr double kHeight = 150;
 constexpr double kMargin = 24;
 constexpr double kAxis = 20;  // below the plot, for the decade labels
 
+constexpr std::size_t kSlowestShown = 10;  // per statistics provider
+
 constexpr const char* kHead =
     "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\">"
     "<title>connector status</title><style>"
@@ -136,6 +138,35 @@ void appendPlot(std::string& out, const std::string& title, const LatencySnapsho
   out += "</svg>\n";
 }
 
+// The slowest requests since the commands' last reset, and the requests in flight, oldest first.
+void appendRequests(std::string& out, const MonitoringSources& sources) {
+  std::string slowest;
+  std::string inflight;
+  for (const auto& statistics : sources.statistics) {
+    if (!statistics) {
+      continue;
+    }
+    const std::string provider = "<tr><td>" + escapeHtml(statistics->name()) + "</td><td>";
+    for (const auto& r : statistics->slowest(kSlowestShown)) {
+      slowest += provider + escapeHtml(r.type) + "</td><td>" + std::to_string(r.thread) + "</td><td>" +
+                 std::to_string(r.request) + "</td><td>" + formatNanoseconds(r.elapsedNanoseconds) +
+                 "</td><td>" + escapeHtml(r.outcome) + "</td></tr>\n";
+    }
+    for (const auto& r : statistics->inflight()) {
+      inflight += provider + escapeHtml(r.type) + "</td><td>" + std::to_string(r.thread) + "</td><td>" +
+                  std::to_string(r.request) + "</td><td>" + formatNanoseconds(r.ageNanoseconds) +
+                  "</td></tr>\n";
+    }
+  }
+  out +=
+      "<h2>Slowest requests</h2>\n<table><tr><th>provider</th><th>type</th><th>thread</th>"
+      "<th>request</th><th>elapsed</th><th>outcome</th></tr>\n" +
+      slowest +
+      "</table>\n<h2>Requests in flight</h2>\n<table><tr><th>provider</th><th>type</th>"
+      "<th>thread</th><th>request</th><th>age</th></tr>\n" +
+      inflight + "</table>\n";
+}
+
 void appendStatistics(std::string& out, const MonitoringSources& sources) {
   std::vector<std::pair<std::string, std::vector<common_services::StatisticsServiceProvider::TypeSnapshot>>>
       providers;
@@ -158,7 +189,9 @@ void appendStatistics(std::string& out, const MonitoringSources& sources) {
              formatNanoseconds(t.latency.maxNanoseconds) + "</td></tr>\n";
     }
   }
-  out += "</table>\n<h2>Latency distributions</h2>\n";
+  out += "</table>\n";
+  appendRequests(out, sources);
+  out += "<h2>Latency distributions</h2>\n";
   for (const auto& [provider, types] : providers) {
     for (const auto& t : types) {
       const std::string title = escapeHtml(provider) + ": " + escapeHtml(t.type);

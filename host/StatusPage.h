@@ -4,6 +4,9 @@
 //   - the process log's destination and specification,
 //   - one table row per statistics provider and message type: completed, failed, in flight,
 //     p50, p99 and maximum latency,
+//   - per statistics provider, its 10 slowest requests since NAME.statistics.reset last ran
+//     (type, thread, request, latency, outcome) and every request in flight, oldest first, with
+//     its age,
 //   - one inline SVG plot per message type of its latency distribution, on a log-scaled time
 //     axis, with p50 and p99 marked.
 // The figures are the same cumulative snapshots that /metrics exports. Every text that comes from

@@ -40,6 +40,8 @@ using detail::TypeStats;
 using foundation::core::detail::tick_clock;
 using Arguments = std::vector<std::string>;
 using MessagePtr = std::unique_ptr<Message>;
+using InFlightRequest = StatisticsServiceProvider::InFlightRequest;
+using SlowRequest = StatisticsServiceProvider::SlowRequest;
 
 constexpr const char* kStatisticsSuffix = ".statistics";
 constexpr const char* kResetSuffix = ".statistics.reset";
@@ -81,10 +83,10 @@ std::uint64_t parseCount(const std::string& command, const std::string& text) {
   return count;
 }
 
-// "thread=T request=R" for a request number: the stripe that numbered it, and its place in that
-// stripe's sequence counted from 1.
-std::string requestLabel(std::uint64_t number) {
-  return "thread=" + std::to_string(number % kStripes) + " request=" + std::to_string(number / kStripes + 1);
+// "thread=T request=R". A request's number is its place in its thread's sequence (from 0) times
+// kStripes, plus the thread's stripe.
+std::string requestLabel(std::uint64_t thread, std::uint64_t request) {
+  return "thread=" + std::to_string(thread) + " request=" + std::to_string(request);
 }
 
 }  // namespace
@@ -191,27 +193,47 @@ struct StatisticsServiceProvider::State {
     slowest.clear();
   }
 
-  std::string listInFlight() const {
+  std::vector<InFlightRequest> inflight() const {
     std::vector<InFlightTable::Request> requests = inFlight.list();
     std::sort(requests.begin(), requests.end(), [](const auto& a, const auto& b) {
       return std::tie(a.startNanoseconds, a.number) < std::tie(b.startNanoseconds, b.number);
     });
     const std::int64_t now = tick_clock::now().time_since_epoch().count();
-    std::string text;
+    std::vector<InFlightRequest> listed;
+    listed.reserve(requests.size());
     for (const InFlightTable::Request& request : requests) {
-      text += requestLabel(request.number) + " " + std::string(request.type->name) + " age_us=" +
-              detail::formatMicroseconds(detail::nonNegativeNanoseconds(now - request.startNanoseconds)) +
-              "\n";
+      listed.push_back({request.number % kStripes, request.number / kStripes + 1,
+                        std::string(request.type->name),
+                        detail::nonNegativeNanoseconds(now - request.startNanoseconds)});
+    }
+    return listed;
+  }
+
+  std::vector<SlowRequest> slowestRequests(std::size_t count) const {
+    std::vector<SlowRequest> listed;
+    for (const detail::SlowestRequests::Entry& entry : slowest.slowest(count)) {
+      listed.push_back({entry.number % kStripes, entry.number / kStripes + 1, std::string(entry.type),
+                        detail::nonNegativeNanoseconds(entry.elapsedNanoseconds),
+                        std::string(entry.outcome)});
+    }
+    return listed;
+  }
+
+  std::string listInFlight() const {
+    std::string text;
+    for (const InFlightRequest& request : inflight()) {
+      text += requestLabel(request.thread, request.request) + " " + request.type +
+              " age_us=" + detail::formatMicroseconds(request.ageNanoseconds) + "\n";
     }
     return text;
   }
 
   std::string listSlowest(std::size_t count) const {
     std::string text;
-    for (const detail::SlowestRequests::Entry& entry : slowest.slowest(count)) {
-      text += requestLabel(entry.number) + " " + std::string(entry.type) + " elapsed_us=" +
-              detail::formatMicroseconds(detail::nonNegativeNanoseconds(entry.elapsedNanoseconds)) + " " +
-              std::string(entry.outcome) + "\n";
+    for (const SlowRequest& request : slowestRequests(count)) {
+      text += requestLabel(request.thread, request.request) + " " + request.type +
+              " elapsed_us=" + detail::formatMicroseconds(request.elapsedNanoseconds) + " " +
+              request.outcome + "\n";
     }
     return text;
   }
@@ -263,6 +285,15 @@ std::vector<StatisticsServiceProvider::TypeSnapshot> StatisticsServiceProvider::
     types.push_back(std::move(entry.second));
   }
   return types;
+}
+
+std::vector<StatisticsServiceProvider::SlowRequest> StatisticsServiceProvider::slowest(
+    std::size_t count) const {
+  return state_->slowestRequests(count);
+}
+
+std::vector<StatisticsServiceProvider::InFlightRequest> StatisticsServiceProvider::inflight() const {
+  return state_->inflight();
 }
 
 Future<MessagePtr> StatisticsServiceProvider::deliver(MessagePtr&& message, Address&& address,

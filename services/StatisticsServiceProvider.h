@@ -50,6 +50,7 @@
 // for requests in flight taken, that is, more than 2,048 in flight plus 8 for each of those 64 threads.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -96,6 +97,30 @@ class CONNECTOR_EXPORT StatisticsServiceProvider : public connector::ServiceProv
   // request completed before the call is in it, and none is lost or counted twice: each counter
   // only grows, so successive snapshots never go back.
   std::vector<TypeSnapshot> snapshot() const;
+
+  // A request as NAME.slowest and NAME.inflight list it: `thread` numbers the thread that
+  // delivered it (0 to 63, 64 for all later threads), `request` counts that thread's requests to
+  // this provider from 1.
+  struct SlowRequest {
+    std::uint64_t thread = 0;
+    std::uint64_t request = 0;
+    std::string type;
+    std::uint64_t elapsedNanoseconds = 0;
+    std::string outcome;  // "ok" or the type of the exception it failed with
+  };
+  struct InFlightRequest {
+    std::uint64_t thread = 0;
+    std::uint64_t request = 0;
+    std::string type;
+    std::uint64_t ageNanoseconds = 0;  // since deliver() took it
+  };
+
+  // The `count` slowest requests completed since the provider was made or NAME.statistics.reset
+  // last ran (at most 32 are kept), slowest first. Any thread, while deliveries go on.
+  std::vector<SlowRequest> slowest(std::size_t count) const;
+
+  // Every request delivered and not yet completed, oldest first. Any thread, while deliveries go on.
+  std::vector<InFlightRequest> inflight() const;
 
   // The name given at construction, which prefixes the commands.
   const std::string& name() const noexcept;

@@ -17,12 +17,14 @@
 #include "host/StatusPage.h"
 #include "services/EchoServiceProvider.h"
 #include "tests/support/AdminPeer.h"
+#include "tests/support/FakeContext.h"
 #include "tests/support/TempDirectory.h"
 
 namespace connector {
 namespace {
 
 using host::ProviderStatistics;
+using ::testing::ContainsRegex;
 using ::testing::HasSubstr;
 using ::testing::Not;
 using Type = common_services::StatisticsServiceProvider::TypeSnapshot;
@@ -125,6 +127,27 @@ TEST(StatusPage, ShowsProcessTextsAsText) {
   const std::string page = host::renderStatusPage(sources);
   EXPECT_THAT(page, HasSubstr("Box&lt;script&gt;"));
   EXPECT_THAT(page, Not(HasSubstr("<script")));
+}
+
+template <typename T>
+struct Held : Message {};
+
+// A request held in flight is listed on the page, escaped, until it completes; then it is among
+// the slowest, with its outcome.
+TEST(StatusPage, ListsARequestInFlightThenAmongTheSlowest) {
+  auto statistics = std::make_shared<common_services::StatisticsServiceProvider>(nullptr, "stats");
+  host::MonitoringSources sources;
+  sources.statistics = {statistics};
+  Promise<std::unique_ptr<Message>> held;
+  statistics->deliver(std::make_unique<Held<int>>(), {},
+                      std::make_shared<test_support::FakeContext>([&](auto&&) { return held.getFuture(); }));
+  const std::string row = "<tr><td>stats</td><td>[^<]*Held&lt;int&gt;</td><td>0</td><td>1</td><td>[^<]+</td>";
+  EXPECT_THAT(host::renderStatusPage(sources), ContainsRegex("in flight</h2>\n<table>[^\n]*\n" + row));
+  held.resolve(std::make_unique<Held<int>>());
+  EXPECT_THAT(host::renderStatusPage(sources),
+              ContainsRegex("Slowest requests</h2>\n<table>[^\n]*\n" + row +
+                            "<td>ok</td></tr>\n</table>\n"
+                            "<h2>Requests in flight</h2>\n<table>[^\n]*\n</table>"));
 }
 
 // The administration endpoint counts each connection it accepts and each command by its outcome.
