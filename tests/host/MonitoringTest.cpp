@@ -24,6 +24,7 @@ namespace connector {
 namespace {
 
 using host::ProviderStatistics;
+using ::testing::AllOf;
 using ::testing::ContainsRegex;
 using ::testing::HasSubstr;
 using ::testing::Not;
@@ -118,31 +119,25 @@ TEST(Metrics, RefusesBoundsNotPositiveOrOutOfOrder) {
   EXPECT_THROW(host::renderRequestMetrics({}, {{1e-3, 1e-3}}), std::invalid_argument);
 }
 
-// A text from the process never becomes markup on the status page.
-TEST(StatusPage, ShowsProcessTextsAsText) {
-  auto connector = std::make_shared<host::Connector>();
-  connector->addServiceProvider("Box<script>", std::make_shared<common_services::EchoServiceProvider>());
-  host::MonitoringSources sources;
-  sources.connector = connector;
-  const std::string page = host::renderStatusPage(sources);
-  EXPECT_THAT(page, HasSubstr("Box&lt;script&gt;"));
-  EXPECT_THAT(page, Not(HasSubstr("<script")));
-}
-
 template <typename T>
 struct Held : Message {};
 
-// A request held in flight is listed on the page, escaped, until it completes; then it is among
-// the slowest, with its outcome.
-TEST(StatusPage, ListsARequestInFlightThenAmongTheSlowest) {
+// Every text from the process shows as text, never as markup; a request held in flight is listed
+// until it completes, then it is among the slowest, with its outcome.
+TEST(StatusPage, ShowsProcessTextsAsTextAndARequestInFlightThenAmongTheSlowest) {
+  auto connector = std::make_shared<host::Connector>();
+  connector->addServiceProvider("Box<script>", std::make_shared<common_services::EchoServiceProvider>());
   auto statistics = std::make_shared<common_services::StatisticsServiceProvider>(nullptr, "stats");
   host::MonitoringSources sources;
+  sources.connector = connector;
   sources.statistics = {statistics};
   Promise<std::unique_ptr<Message>> held;
   statistics->deliver(std::make_unique<Held<int>>(), {},
                       std::make_shared<test_support::FakeContext>([&](auto&&) { return held.getFuture(); }));
+  const std::string page = host::renderStatusPage(sources);
   const std::string row = "<tr><td>stats</td><td>[^<]*Held&lt;int&gt;</td><td>0</td><td>1</td><td>[^<]+</td>";
-  EXPECT_THAT(host::renderStatusPage(sources), ContainsRegex("in flight</h2>\n<table>[^\n]*\n" + row));
+  EXPECT_THAT(page, ContainsRegex("in flight</h2>\n<table>[^\n]*\n" + row));
+  EXPECT_THAT(page, AllOf(HasSubstr("<li>Box&lt;script&gt;</li>"), Not(HasSubstr("<script"))));
   held.resolve(std::make_unique<Held<int>>());
   EXPECT_THAT(host::renderStatusPage(sources),
               ContainsRegex("Slowest requests</h2>\n<table>[^\n]*\n" + row +
