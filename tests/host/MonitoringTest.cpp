@@ -101,15 +101,11 @@ TEST(Metrics, BucketsAreCumulativeAndEndInInfEqualToCount) {
   type.latency.sumNanoseconds = 1'500'000'000;
   type.latency.buckets = {{999, 1000, 1}, {1000, 1001, 2}, {1001, 1002, 4}};
   host::MetricsOptions options{{1e-6, 2.5e-6}};
-  const auto buckets = samples(host::renderRequestMetrics({{"stats", {type}}}, options),
-                               "connector_request_duration_seconds_bucket");
-  ASSERT_EQ(buckets.size(), 3u);
-  EXPECT_EQ(buckets[0].at("le"), "1e-06");
-  EXPECT_EQ(buckets[0].at("="), "3");
-  EXPECT_EQ(buckets[1].at("="), "7");
-  EXPECT_EQ(buckets[2].at("le"), "+Inf");
-  EXPECT_EQ(buckets[2].at("="), "15");
   const std::string exposition = host::renderRequestMetrics({{"stats", {type}}}, options);
+  std::string read;
+  for (const Sample& bucket : samples(exposition, "connector_request_duration_seconds_bucket"))
+    read += bucket.at("le") + "=" + bucket.at("=") + " ";
+  EXPECT_EQ(read, "1e-06=3 2.5e-06=7 +Inf=15 ");
   EXPECT_EQ(samples(exposition, "connector_request_duration_seconds_sum").at(0).at("="), "1.5");
 }
 
