@@ -104,14 +104,16 @@ struct StatisticsServiceProvider::State {
   std::map<std::string, TypeSnapshot> baseline;                                    // guarded by baselineMutex
   std::chrono::steady_clock::time_point since = std::chrono::steady_clock::now();  // guarded by baselineMutex
 
-  void finish(InFlightTable::Ticket ticket, TypeStats& type, std::uint64_t number,
-              tick_clock::time_point start, const Outcome& outcome) noexcept {
+  // Called on the thread that completes the request, whose stripe is `stripe`. `failure` is the
+  // exception's type name, empty for an answer.
+  void finish(InFlightTable::Ticket ticket, TypeStats& type, std::size_t stripe, std::uint64_t number,
+              tick_clock::time_point start, std::string_view failure) noexcept {
     // A clock that went backwards (another core's reading) counts as 0 ns.
     const std::int64_t elapsed = std::max<std::int64_t>((tick_clock::now() - start).count(), 0);
     inFlight.leave(ticket, number);
-    type.record(currentStripe(), epoch.load(std::memory_order_acquire), elapsed, !outcome.ok());
+    type.record(stripe, epoch.load(std::memory_order_acquire), elapsed, !failure.empty());
     try {
-      slowest.offer({number, type.name, elapsed, outcome.ok() ? kOk : outcome.exceptionType});
+      slowest.offer({number, type.name, elapsed, failure.empty() ? kOk : failure});
     } catch (...) {
       // Only a failed allocation of the list, at most once per free place: the request is counted.
     }
@@ -310,20 +312,29 @@ Future<MessagePtr> StatisticsServiceProvider::deliver(MessagePtr&& message, Addr
   const tick_clock::time_point start = tick_clock::now();
   const InFlightTable::Ticket ticket =
       state->inFlight.enter(stripe, InFlightTable::Request{number, &type, start.time_since_epoch().count()});
-  // One named future, returned at the only return below, so that it is built in the caller's
+  // One named future, returned at both returns below, so that it is built in the caller's
   // place and an answer that is already Resolved goes back without a single move.
   Future<MessagePtr> answer = [&] {
     try {
       return context->forward(std::move(message), std::move(address));
     } catch (...) {
-      state->finish(ticket, type, number, start, detail::currentFailure());
+      state->finish(ticket, type, stripe, number, start, detail::currentFailure().exceptionType);
       throw;
     }
   }();
+  // The common case, an answer already there, completes here on the delivering thread; any other
+  // completes on the thread that settles the answer, maybe another.
+  if (answer.status() == connector::detail::Status::Resolved) {
+    state->finish(ticket, type, stripe, number, start, {});
+    return answer;
+  }
+  // Still pending, or failed: the request leaves this thread's own slots.
+  const InFlightTable::Ticket detached = state->inFlight.detach(
+      stripe, ticket, InFlightTable::Request{number, &type, start.time_since_epoch().count()});
   detail::observeAnswer(
       answer,
-      [state, ticket, &type, number, start](const Outcome& outcome) {
-        state->finish(ticket, type, number, start, outcome);
+      [state, ticket = detached, &type, number, start](const Outcome& outcome) {
+        state->finish(ticket, type, currentStripe(), number, start, outcome.exceptionType);
       },
       [this] { return state_; });
   return answer;

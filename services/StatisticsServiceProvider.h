@@ -45,9 +45,12 @@
 // different types, or even the same type, do not write a common line: the first 64 threads of the
 // process (numbered as they first deliver to any provider, never reused) each own their lines and
 // write them without locked instructions; later threads share one set, with atomic additions.
-// A request takes no lock, save in three cases: a message type seen for the first time (once per
-// type), a thread's first request of a type (its block is allocated), and a request that finds every place
-// for requests in flight taken, that is, more than 2,048 in flight plus 8 for each of those 64 threads.
+// A request answered before deliver() returns is listed in flight in its thread's own places; one
+// still pending then moves to a shared place, claimed with one compare-and-swap. A request takes
+// no lock, save in three cases: a message type seen for the first time (once per type), a
+// thread's first request of a type (its block is allocated), and a request that finds every place
+// for requests in flight taken, that is, more than 2,048 pending after deliver() returned (plus
+// 8 deliveries under way, nested, on each of those 64 threads).
 #pragma once
 
 #include <cstddef>

@@ -1,5 +1,7 @@
 #include "foundation/core/detail/TickClock.h"
 
+#include <atomic>
+
 #if defined(__x86_64__)
 #include <cpuid.h>
 #include <x86intrin.h>
@@ -56,9 +58,18 @@ struct Scale {
   }
 };
 
-const Scale& scale() {
+std::atomic<const Scale*> calibrated{nullptr};
+
+// Out of line, so that a reading once calibrated needs no registers saved for it.
+[[gnu::noinline, gnu::cold]] const Scale& calibrate() {
   static const Scale instance;
+  calibrated.store(&instance, std::memory_order_release);
   return instance;
+}
+
+const Scale& scale() {
+  const Scale* s = calibrated.load(std::memory_order_acquire);
+  return s != nullptr ? *s : calibrate();
 }
 
 #endif
