@@ -3,30 +3,26 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
-#include <cstdlib>
-#include <deque>
 #include <exception>
 #include <functional>
 #include <mutex>
 #include <sstream>
 #include <stdexcept>
 #include <string_view>
-#include <thread>
 #include <typeinfo>
 #include <utility>
 
-#include <spdlog/fmt/fmt.h>  // fmt::memory_buffer and fmt::format_int
 #include <boost/variant/apply_visitor.hpp>
 #include <boost/variant/get.hpp>
 #include <boost/variant/static_visitor.hpp>
-#include <nlohmann/json.hpp>
 
 #include "foundation/core/detail/TickClock.h"
 #include "foundation/log/LineDestination.h"
 #include "foundation/log/Log.h"
 #include "framework/CallbackSubscriber.h"
 #include "services/detail/AnswerObserver.h"
+#include "services/detail/LineFormat.h"
+#include "services/detail/LineWriter.h"
 #include "services/detail/MessageTypeName.h"
 
 namespace connector {
@@ -38,7 +34,13 @@ using configuration::ConfigValue;
 using detail::Outcome;
 using foundation::core::detail::tick_clock;
 using MessagePtr = std::unique_ptr<Message>;
-using Line = fmt::memory_buffer;
+using detail::append;
+using detail::appendJsonString;
+using detail::appendNumber;
+using detail::appendToken;
+using detail::appendUtcTime;
+using detail::Line;
+using detail::LineWriter;
 
 constexpr const char* kEnabledKeySuffix = ".enabled";
 constexpr const char* kErrorsOnlyKeySuffix = ".errorsOnly";
@@ -54,9 +56,6 @@ constexpr const char* kTextFormat = "text";
 constexpr const char* kJsonFormat = "json";
 constexpr const char* kDefaultDestination = "stdout";
 constexpr const char* kAsyncPrefix = "async:";
-
-// Lines waiting for the writer at most; a line selected while it is full is dropped and counted.
-constexpr std::size_t kQueueCapacity = 8192;
 
 // What each key accepts, as refusals say it.
 constexpr const char* kAcceptsBool = "a bool (true or false)";
@@ -131,102 +130,10 @@ std::vector<std::string> splitPrefixes(const std::string& text) {
   return prefixes;
 }
 
-void append(Line& line, std::string_view text) {
-  line.append(text.data(), text.data() + text.size());
-}
-
-// A JSON string, quotes included. Type names and most exception texts are plain ASCII and are
-// copied as they are; anything else goes through nlohmann's serializer, which escapes control
-// characters and replaces bytes that are not UTF-8 with U+FFFD.
-void appendJsonString(Line& line, std::string_view text) {
-  const bool plain = std::all_of(text.begin(), text.end(), [](char c) {
-    const auto byte = static_cast<unsigned char>(c);
-    return byte >= 0x20 && byte < 0x80 && c != '"' && c != '\\';
-  });
-  if (plain) {
-    line.push_back('"');
-    append(line, text);
-    line.push_back('"');
-    return;
-  }
-  append(line,
-         nlohmann::json(std::string(text)).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
-}
-
-// A name field of a text line: as it is when it has a byte and no blank, control character or
-// quote, otherwise as a JSON string, so that a line splits back into its fields whatever the name.
-void appendToken(Line& line, std::string_view text) {
-  const bool bare = !text.empty() && std::none_of(text.begin(), text.end(), [](char c) {
-    const auto byte = static_cast<unsigned char>(c);
-    return byte <= 0x20 || byte == 0x7f || c == '"';
-  });
-  if (bare) {
-    append(line, text);
-  } else {
-    appendJsonString(line, text);
-  }
-}
-
-// Lines are built with plain appends: a format string parsed for every line cost more than the
-// rest of the line together.
-void appendNumber(Line& line, std::uint64_t number) {
-  const fmt::format_int digits(number);
-  line.append(digits.data(), digits.data() + digits.size());
-}
-
-// `value` (at least 0) in exactly `width` digits, zeros in front.
-void appendDigits(Line& line, std::int64_t value, int width) {
-  char digits[8] = {};
-  for (int i = width - 1; i >= 0; --i, value /= 10) {
-    digits[i] = static_cast<char>('0' + value % 10);
-  }
-  line.append(digits, digits + width);
-}
-
-// UTC, ISO 8601 with microseconds: 2026-11-23T08:40:00.123456Z. The calendar date comes from the
-// day count by Howard Hinnant's civil_from_days, which needs neither the C library's time zone
-// lock nor a buffer of its own.
-void appendUtcTime(Line& line, std::chrono::system_clock::time_point time) {
-  using namespace std::chrono;
-  const std::int64_t micros = duration_cast<microseconds>(time.time_since_epoch()).count();
-  std::int64_t days = micros / 86400000000LL;
-  std::int64_t ofDay = micros % 86400000000LL;
-  if (ofDay < 0) {
-    ofDay += 86400000000LL;
-    --days;
-  }
-  days += 719468;
-  const std::int64_t era = (days >= 0 ? days : days - 146096) / 146097;
-  const std::int64_t dayOfEra = days - era * 146097;
-  const std::int64_t yearOfEra = (dayOfEra - dayOfEra / 1460 + dayOfEra / 36524 - dayOfEra / 146096) / 365;
-  const std::int64_t dayOfYear = dayOfEra - (365 * yearOfEra + yearOfEra / 4 - yearOfEra / 100);
-  const std::int64_t monthIndex = (5 * dayOfYear + 2) / 153;
-  const std::int64_t day = dayOfYear - (153 * monthIndex + 2) / 5 + 1;
-  const std::int64_t month = monthIndex < 10 ? monthIndex + 3 : monthIndex - 9;
-  const std::int64_t year = yearOfEra + era * 400 + (month <= 2 ? 1 : 0);
-  appendDigits(line, year, 4);
-  line.push_back('-');
-  appendDigits(line, month, 2);
-  line.push_back('-');
-  appendDigits(line, day, 2);
-  line.push_back('T');
-  appendDigits(line, ofDay / 3600000000LL, 2);
-  line.push_back(':');
-  appendDigits(line, ofDay / 60000000LL % 60, 2);
-  line.push_back(':');
-  appendDigits(line, ofDay / 1000000LL % 60, 2);
-  line.push_back('.');
-  appendDigits(line, ofDay % 1000000LL, 6);
-  line.push_back('Z');
-}
-
 // What lines look like and where they go: replaced whole when a setting changes, so that a line
 // is written with one consistent set.
-struct Output {
+struct Output : detail::LineTarget {
   std::string destination = kDefaultDestination;
-  std::shared_ptr<foundation::log::line_destination> sink;
-  // spdlog's standard-stream sinks flush every line themselves, and null has nothing to flush.
-  bool flushEachLine = false;
   bool json = false;
   std::string exclude;
   std::vector<std::string> excludedPrefixes;
@@ -240,179 +147,6 @@ struct Output {
     return false;
   }
 };
-
-// The provider's own writer: requests hand it lines and never wait for a destination; one thread
-// of its own writes them, in order. The queue is bounded: a line that finds it full is dropped and
-// counted, so a destination that stalls (a pipe nobody reads) costs lines, never callers.
-//
-// Shared by the provider's core and the writer's thread, which is detached: the core's destructor
-// only asks it to stop, and the thread writes out what is queued and ends by itself, so no
-// request thread that held the core last ever waits for a write. At exit every writer still alive
-// is written out (see writeOutAtExit()).
-class Writer : public std::enable_shared_from_this<Writer> {
- public:
-  struct Entry {
-    std::shared_ptr<const Output> output;  // where the line goes, as settings stood when selected
-    std::string line;                      // empty: flush `output` and let it go (it was replaced)
-  };
-
-  static std::shared_ptr<Writer> start();
-
-  // Queues `entry`; returns false (and keeps nothing) when the queue is full.
-  bool push(Entry&& entry) {
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      if (queue_.size() >= kQueueCapacity && !entry.line.empty()) {
-        return false;
-      }
-      queue_.push_back(std::move(entry));
-      ++queued_;
-      // Only a sleeping writer needs the (system) call; a busy one finds the line anyway.
-      if (!sleeping_) {
-        return true;
-      }
-      sleeping_ = false;
-    }
-    wake_.notify_one();
-    return true;
-  }
-
-  // Waits until every entry queued before the call has been handled.
-  void flush() {
-    std::unique_lock<std::mutex> lock(mutex_);
-    const std::uint64_t target = queued_;
-    ++flushing_;
-    idle_.wait(lock, [&] { return handled_ >= target; });
-    --flushing_;
-  }
-
-  void stop() {
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      stopping_ = true;
-    }
-    wake_.notify_one();
-  }
-
-  // Shares `output` so that its last owner hands it to `writer`'s thread, which destroys it: a
-  // request that held it last (its line dropped or not selected) never closes a file. Destroyed
-  // at once when the writer is gone.
-  static std::shared_ptr<const Output> owned(const std::shared_ptr<Writer>& writer, Output&& output) {
-    const auto release = [writer = std::weak_ptr<Writer>(writer)](const Output* last) {
-      std::unique_ptr<const Output> owner(last);
-      if (const std::shared_ptr<Writer> alive = writer.lock()) {
-        std::lock_guard<std::mutex> lock(alive->mutex_);
-        alive->released_.push_back(std::move(owner));
-        alive->wake_.notify_one();
-      }
-    };
-    return std::shared_ptr<const Output>(new Output(std::move(output)), release);
-  }
-
-  std::atomic<std::uint64_t> written{0};
-  std::atomic<std::uint64_t> failed{0};
-
- private:
-  void run();
-
-  std::mutex mutex_;
-  std::condition_variable wake_;  // an entry was queued or released, or stopping_ was set
-  std::condition_variable idle_;  // handled_ grew
-  std::deque<Entry> queue_;       // guarded by mutex_
-  std::uint64_t queued_ = 0;      // guarded by mutex_; entries queued so far
-  std::uint64_t handled_ = 0;     // guarded by mutex_; entries written, failed or let go so far
-  bool stopping_ = false;         // guarded by mutex_
-  bool sleeping_ = false;         // guarded by mutex_; the thread waits on wake_ for work
-  unsigned flushing_ = 0;         // guarded by mutex_; threads waiting in flush()
-  // Guarded by mutex_; outputs let go by their last owner, for this thread to destroy.
-  std::vector<std::unique_ptr<const Output>> released_;
-};
-
-// The writers alive, for the exit handler. Never destroyed, so that it outlives every writer
-// whatever the order of static destruction.
-struct LiveWriters {
-  std::mutex mutex;
-  std::vector<std::weak_ptr<Writer>> writers;  // guarded by mutex
-};
-LiveWriters& liveWriters() {
-  static LiveWriters* const writers = new LiveWriters;
-  return *writers;
-}
-
-// At normal exit, every line selected so far is written, as the process log does with its queue.
-void writeOutAtExit() {
-  std::vector<std::weak_ptr<Writer>> writers;
-  {
-    std::lock_guard<std::mutex> lock(liveWriters().mutex);
-    writers = liveWriters().writers;
-  }
-  for (const std::weak_ptr<Writer>& entry : writers) {
-    if (const std::shared_ptr<Writer> writer = entry.lock()) {
-      writer->flush();
-    }
-  }
-}
-
-std::shared_ptr<Writer> Writer::start() {
-  static std::once_flag atExit;
-  std::call_once(atExit, [] { std::atexit(writeOutAtExit); });
-  auto writer = std::make_shared<Writer>();
-  {
-    std::lock_guard<std::mutex> lock(liveWriters().mutex);
-    auto& writers = liveWriters().writers;
-    writers.erase(std::remove_if(writers.begin(), writers.end(), [](const auto& w) { return w.expired(); }),
-                  writers.end());
-    writers.push_back(writer);
-  }
-  std::thread([writer] { writer->run(); }).detach();
-  return writer;
-}
-
-void Writer::run() {
-  std::deque<Entry> batch;
-  std::vector<std::unique_ptr<const Output>> released;
-  std::size_t done = 0;
-  for (;;) {
-    released.clear();  // outside the lock: closes the files of destinations let go
-    {
-      std::unique_lock<std::mutex> lock(mutex_);
-      handled_ += done;
-      if (flushing_ > 0) {
-        idle_.notify_all();
-      }
-      while (!stopping_ && queue_.empty() && released_.empty()) {
-        sleeping_ = true;
-        wake_.wait(lock);
-      }
-      sleeping_ = false;
-      if (queue_.empty() && released_.empty()) {
-        return;
-      }
-      batch.swap(queue_);
-      released.swap(released_);
-    }
-    for (Entry& entry : batch) {
-      foundation::log::line_destination& sink = *entry.output->sink;
-      try {
-        if (entry.line.empty()) {
-          sink.flush();
-          continue;
-        }
-        sink.write(entry.line);
-        if (entry.output->flushEachLine) {
-          sink.flush();
-        }
-        written.fetch_add(1, std::memory_order_relaxed);
-      } catch (...) {
-        if (!entry.line.empty()) {
-          failed.fetch_add(1, std::memory_order_relaxed);
-        }
-      }
-    }
-    done = batch.size();
-    batch.clear();  // hands the destinations this thread held last to released_
-  }
-}
 
 }  // namespace
 
@@ -430,7 +164,7 @@ struct AccessLogServiceProvider::Core {
   std::atomic<std::uint64_t> notSelected{0};  // numbered requests that completed unselected
   std::atomic<std::uint64_t> dropped{0};
   std::atomic<std::uint64_t> failedToFormat{0};
-  const std::shared_ptr<Writer> writer = Writer::start();
+  const std::shared_ptr<LineWriter> writer = LineWriter::start();
 
   ~Core() {
     output.reset();  // handed to the writer before it is told to stop
@@ -456,9 +190,9 @@ struct AccessLogServiceProvider::Core {
       std::lock_guard<std::mutex> lock(mutex);
       Output next = *output;
       change(next);
-      previous = std::exchange(output, Writer::owned(writer, std::move(next)));
+      previous = std::exchange(output, LineWriter::owned(writer, std::move(next)));
     }
-    writer->push(Writer::Entry{std::move(previous), std::string()});
+    writer->push(LineWriter::Entry{std::move(previous), std::string()});
   }
 
   // Called once per numbered request, when it has completed.
@@ -538,7 +272,7 @@ struct AccessLogServiceProvider::Core {
         append(line, " start=");
         appendUtcTime(line, startTime);
       }
-      if (!writer->push(Writer::Entry{out, std::string(line.data(), line.size())})) {
+      if (!writer->push(LineWriter::Entry{out, std::string(line.data(), line.size())})) {
         dropped.fetch_add(1, std::memory_order_relaxed);
       }
     } catch (...) {
@@ -553,7 +287,7 @@ AccessLogServiceProvider::AccessLogServiceProvider(
   {
     Output output;
     output.sink = openDestination(kDefaultDestination);
-    core_->output = Writer::owned(core_->writer, std::move(output));
+    core_->output = LineWriter::owned(core_->writer, std::move(output));
   }
   if (!configuration) {
     return;
