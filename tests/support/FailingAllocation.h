@@ -3,10 +3,10 @@
 //
 // Include from exactly one source file per test binary: the shared library under test resolves
 // operator new to this one too. Everything is per thread, so allocations made by other threads
-// (the test framework's included) are neither counted nor failed. The matching deletes use free()
-// and are kept out of line: inlined into a caller, g++ would take their free() for a mismatch with
-// the operator new that made the pointer. The other forms (arrays, nothrow) keep the library's
-// own pairs, which either call these or are both replaced by a sanitizer.
+// (the test framework's included) are neither counted nor failed. The new and the matching deletes
+// use malloc() and free() and are kept out of line: inlined into a caller (at -O3 the new too), g++
+// would take the free() for a mismatch with the operator new that made the pointer. The other forms (arrays,
+// nothrow) keep the library's own pairs, which either call these or are both replaced by a sanitizer.
 #pragma once
 
 #include <cstddef>
@@ -33,7 +33,7 @@ inline void failAllocation(long n) {
 }  // namespace test_support
 }  // namespace connector
 
-void* operator new(std::size_t size) {
+[[gnu::noinline]] void* operator new(std::size_t size) {
   using namespace connector::test_support::allocation_detail;
   ++count;
   void* p = failCountdown > 0 && --failCountdown == 0 ? nullptr : std::malloc(size == 0 ? 1 : size);
