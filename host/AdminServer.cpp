@@ -12,6 +12,7 @@
 
 #include "foundation/log/Log.h"
 #include "host/detail/AdminSession.h"
+#include "host/detail/GracefulStop.h"
 
 namespace connector {
 namespace host {
@@ -98,25 +99,10 @@ void ServerState::beginShutdown() {
   acceptor.close(ignored);
   retryTimer.cancel();
   socketFile->remove();
-  // drain() may close and so destroy sessions: walk a copy.
-  const std::vector<Session*> open(sessions.begin(), sessions.end());
-  for (Session* session : open) {
-    drainSession(*session);
-  }
-  if (sessions.empty()) {
-    return;
-  }
   // Past the grace period, connections still waiting for a command or a slow reader are closed.
-  graceTimer.expires_at(stopDeadline);
-  graceTimer.async_wait([this](const boost::system::error_code& error) {
-    if (error) {
-      return;
-    }
-    const std::vector<Session*> left(sessions.begin(), sessions.end());
-    for (Session* session : left) {
-      closeSession(*session);
-    }
-  });
+  drainThenClose(
+      sessions, graceTimer, stopDeadline, [](Session& session) { drainSession(session); },
+      [](Session& session) { closeSession(session); });
 }
 
 }  // namespace detail

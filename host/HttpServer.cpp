@@ -17,6 +17,7 @@
 #include <boost/beast/http.hpp>
 
 #include "foundation/log/Log.h"
+#include "host/detail/GracefulStop.h"
 
 namespace connector {
 namespace host {
@@ -361,25 +362,10 @@ void HttpServer::Impl::beginShutdown() {
   boost::system::error_code ignored;
   acceptor.close(ignored);
   retryTimer.cancel();
-  // close() may destroy sessions: walk a copy.
-  const std::vector<HttpSession*> open(sessions.begin(), sessions.end());
-  for (HttpSession* session : open) {
-    session->drain();
-  }
-  if (sessions.empty()) {
-    return;
-  }
-  // Past the grace period, answers still being written to a slow reader are cut off.
-  graceTimer.expires_at(stopDeadline);
-  graceTimer.async_wait([this](const boost::system::error_code& error) {
-    if (error) {
-      return;
-    }
-    const std::vector<HttpSession*> left(sessions.begin(), sessions.end());
-    for (HttpSession* session : left) {
-      session->close();
-    }
-  });
+  // Answers being written finish; past the grace period, those to a slow reader are cut off.
+  detail::drainThenClose(
+      sessions, graceTimer, stopDeadline, [](HttpSession& session) { session.drain(); },
+      [](HttpSession& session) { session.close(); });
 }
 
 HttpServer::HttpServer(Options options) : impl_(std::make_unique<Impl>(std::move(options))) {
