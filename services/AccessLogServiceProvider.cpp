@@ -192,7 +192,7 @@ struct AccessLogServiceProvider::Core {
       change(next);
       previous = std::exchange(output, LineWriter::owned(writer, std::move(next)));
     }
-    writer->push(LineWriter::Entry{std::move(previous), std::string()});
+    writer->retire(std::move(previous));
   }
 
   // Called once per numbered request, when it has completed.
@@ -272,7 +272,7 @@ struct AccessLogServiceProvider::Core {
         append(line, " start=");
         appendUtcTime(line, startTime);
       }
-      if (!writer->push(LineWriter::Entry{out, std::string(line.data(), line.size())})) {
+      if (!writer->push(out, std::string_view(line.data(), line.size()))) {
         dropped.fetch_add(1, std::memory_order_relaxed);
       }
     } catch (...) {
@@ -381,7 +381,7 @@ AccessLogServiceProvider::AccessLogServiceProvider(
           c.changeOutput([&](Output& out) {
             out.destination = *text;
             out.sink = std::move(sink);
-            out.flushEachLine = *text != "stdout" && *text != "stderr" && *text != "null";
+            out.flushAfterLines = *text != "stdout" && *text != "stderr" && *text != "null";
           });
         }
         return c.currentOutput()->destination;

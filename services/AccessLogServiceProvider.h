@@ -25,7 +25,9 @@
 //   {"number":8,"provider":"access","address":"flaky","type":"demo::Ping","outcome":"failed",
 //    "exception":"std::runtime_error","what":"flaky: refused request 3","elapsed_us":15,
 //    "start":"2026-11-23T08:40:00.123501Z"}
-// A line is exactly that text or object and a newline; each is flushed as it is written.
+// A line is exactly that text or object and a newline. The writer flushes the destination after
+// each batch of lines it has written, so a line reaches a file soon after its request completes
+// (within about a millisecond while the writer keeps up), without a flush per line.
 //
 // Settings, configuration keys formed from the name (defaults written under the label "default",
 // then followed live, in this order):

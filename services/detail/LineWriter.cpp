@@ -1,6 +1,7 @@
 #include "services/detail/LineWriter.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstdlib>
 #include <thread>
 
@@ -9,6 +10,10 @@ namespace common_services {
 namespace detail {
 
 namespace {
+
+// How long the thread waits for more lines after a batch before it sleeps until woken: the most
+// a line queued meanwhile waits for the thread.
+constexpr std::chrono::milliseconds kLinger{1};
 
 // The writers alive, for the exit handler. Never destroyed, so that it outlives every writer
 // whatever the order of static destruction.
@@ -52,15 +57,31 @@ std::shared_ptr<LineWriter> LineWriter::start() {
   return writer;
 }
 
-bool LineWriter::push(Entry&& entry) {
+void LineWriter::Queue::add(const std::shared_ptr<const LineTarget>& target, std::string_view line,
+                            bool flushOnly) {
+  if (owners.empty() || owners.back() != target) {
+    owners.push_back(target);
+  }
+  text.append(line);
+  items.push_back(Item{target.get(), text.size(), flushOnly});
+}
+
+void LineWriter::Queue::clear() {
+  text.clear();
+  items.clear();
+  owners.clear();
+}
+
+bool LineWriter::push(const std::shared_ptr<const LineTarget>& target, std::string_view line) {
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (queue_.size() >= kCapacity && !entry.line.empty()) {
+    if (lines_ >= kCapacity) {
       return false;
     }
-    queue_.push_back(std::move(entry));
+    queue_.add(target, line, false);
+    ++lines_;
     ++queued_;
-    // Only a sleeping writer needs the (system) call; a busy one finds the line anyway.
+    // Only a sleeping writer needs the (system) call; a busy or lingering one finds the line.
     if (!sleeping_) {
       return true;
     }
@@ -70,10 +91,21 @@ bool LineWriter::push(Entry&& entry) {
   return true;
 }
 
+void LineWriter::retire(std::shared_ptr<const LineTarget> target) {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    queue_.add(target, std::string_view(), true);
+    ++queued_;
+    sleeping_ = false;
+  }
+  wake_.notify_one();
+}
+
 void LineWriter::flush() {
   std::unique_lock<std::mutex> lock(mutex_);
   const std::uint64_t target = queued_;
   ++flushing_;
+  wake_.notify_one();  // a lingering writer need not wait out its linger
   idle_.wait(lock, [&] { return handled_ >= target; });
   --flushing_;
 }
@@ -93,48 +125,63 @@ void LineWriter::release(std::unique_ptr<const LineTarget> target) {
 }
 
 void LineWriter::run() {
-  std::deque<Entry> batch;
+  Queue batch;
   std::vector<std::unique_ptr<const LineTarget>> released;
   std::size_t done = 0;
   for (;;) {
-    released.clear();  // outside the lock: closes the files of targets let go
+    // Outside the lock: the last owners of replaced targets hand them to released_, and the
+    // files of targets let go are closed.
+    batch.clear();
+    released.clear();
     {
       std::unique_lock<std::mutex> lock(mutex_);
       handled_ += done;
       if (flushing_ > 0) {
         idle_.notify_all();
       }
-      while (!stopping_ && queue_.empty() && released_.empty()) {
+      // After a batch the thread lingers once, unannounced, before it sleeps: lines queued
+      // meanwhile are found when the linger ends, so a steady stream of requests makes no
+      // wake-up calls at all, and only the first line after a quiet spell makes one.
+      bool linger = done > 0;
+      while (!stopping_ && queue_.items.empty() && released_.empty()) {
+        if (linger) {
+          linger = false;
+          wake_.wait_for(lock, kLinger);
+          continue;
+        }
         sleeping_ = true;
         wake_.wait(lock);
       }
       sleeping_ = false;
-      if (queue_.empty() && released_.empty()) {
+      if (queue_.items.empty() && released_.empty()) {
         return;
       }
-      batch.swap(queue_);
+      std::swap(batch, queue_);
+      lines_ = 0;
       released.swap(released_);
     }
-    for (Entry& entry : batch) {
-      foundation::log::line_destination& sink = *entry.target->sink;
+    // A target is flushed once per run of its lines rather than once per line: the lines reach
+    // the file as soon, and a file keeps up with many more requests.
+    std::size_t begin = 0;
+    for (std::size_t i = 0; i < batch.items.size(); ++i) {
+      const Queue::Item& item = batch.items[i];
+      foundation::log::line_destination& sink = *item.target->sink;
+      const std::string_view line(batch.text.data() + begin, item.end - begin);
+      begin = item.end;
+      const bool runEnds = i + 1 == batch.items.size() || batch.items[i + 1].target != item.target;
       try {
-        if (entry.line.empty()) {
-          sink.flush();
-          continue;
+        if (!item.flushOnly) {
+          sink.write(line);
+          written.fetch_add(1, std::memory_order_relaxed);
         }
-        sink.write(entry.line);
-        if (entry.target->flushEachLine) {
+        if (item.flushOnly || (runEnds && item.target->flushAfterLines)) {
           sink.flush();
         }
-        written.fetch_add(1, std::memory_order_relaxed);
       } catch (...) {
-        if (!entry.line.empty()) {
-          failed.fetch_add(1, std::memory_order_relaxed);
-        }
+        failed.fetch_add(1, std::memory_order_relaxed);
       }
     }
-    done = batch.size();
-    batch.clear();  // hands the targets this thread held last to released_
+    done = batch.items.size();
   }
 }
 
