@@ -7,6 +7,7 @@
 //   Statistics, 2 threads (different types, then one type) against 1 thread, in items per second,
 //   beside EchoAlone on 1 and 2 threads (what a second thread can add on the machine at all)
 //   StatisticsWithAThousandInFlight               against EchoAlone (1,000 other requests pending)
+//   TwoClockReadings                              against EchoAlone (the statistics provider's floor)
 //   StatisticsSnapshot: one snapshot() of 100 types, each recorded by 4 threads (bound: 200 us),
 //   with the bytes a type costs per thread that has completed one of its requests as a counter
 // Every case sends one message round trip per iteration (deliver, then get) and reuses the message.
@@ -23,6 +24,7 @@
 #include <vector>
 
 #include "bench/BenchMain.h"
+#include "foundation/core/detail/TickClock.h"
 #include "services/AccessLogServiceProvider.h"
 #include "services/EchoServiceProvider.h"
 #include "services/LoggingServiceProvider.h"
@@ -176,6 +178,16 @@ void StatisticsWithAThousandInFlight(benchmark::State& state) {
   roundTrips(state, provider);
 }
 
+// The statistics provider's two clock readings a request, alone: the floor of its cost.
+void TwoClockReadings(benchmark::State& state) {
+  using foundation::core::detail::tick_clock;
+  for (auto _ : state) {
+    const tick_clock::time_point start = tick_clock::now();
+    tick_clock::duration elapsed = tick_clock::now() - start;
+    benchmark::DoNotOptimize(elapsed);
+  }
+}
+
 template <int N>
 struct Numbered : Message {};
 
@@ -222,6 +234,7 @@ BENCHMARK(Statistics)->Threads(1)->UseRealTime();
 BENCHMARK(StatisticsTwoTypes)->Threads(2)->UseRealTime();
 BENCHMARK(Statistics)->Threads(2)->UseRealTime();
 BENCHMARK(StatisticsWithAThousandInFlight);
+BENCHMARK(TwoClockReadings);
 BENCHMARK(StatisticsSnapshot)->Unit(benchmark::kMicrosecond);
 
 }  // namespace

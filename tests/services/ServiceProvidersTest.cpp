@@ -369,6 +369,17 @@ TEST(AccessLogWriter, AStalledDestinationHoldsNoCallerAndEveryLineIsCounted) {
   }
 }
 
+// A line reaches its file without anyone calling flush(): the writer flushes after each batch.
+TEST(AccessLogWriter, ALineReachesItsFileWithoutAFlushCall) {
+  Log log;
+  deliver(log.provider, std::make_unique<app::Ping>(), echoing());
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (TempDirectory::lines(log.file).empty() && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  EXPECT_EQ(TempDirectory::lines(log.file).size(), 1u);
+}
+
 // At a normal exit every selected line is written, even by a provider that is never destroyed.
 TEST(AccessLogWriter, ANormalExitWritesEverySelectedLine) {
   TempDirectory directory;
