@@ -59,11 +59,18 @@ std::shared_ptr<LineWriter> LineWriter::start() {
 
 void LineWriter::Queue::add(const std::shared_ptr<const LineTarget>& target, std::string_view line,
                             bool flushOnly) {
+  // Should an allocation fail, the queue's lines still match their items: an extra owner only
+  // keeps its target a little longer.
   if (owners.empty() || owners.back() != target) {
     owners.push_back(target);
   }
-  text.append(line);
-  items.push_back(Item{target.get(), text.size(), flushOnly});
+  items.push_back(Item{target.get(), text.size() + line.size(), flushOnly});
+  try {
+    text.append(line);
+  } catch (...) {
+    items.pop_back();
+    throw;
+  }
 }
 
 void LineWriter::Queue::clear() {

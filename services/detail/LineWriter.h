@@ -46,7 +46,8 @@ class LineWriter {
   static std::shared_ptr<LineWriter> start();
 
   // Queues a copy of `line` (without its newline) for `target`; returns false (and keeps
-  // nothing) when the queue is full.
+  // nothing) when the queue is full. Throws std::bad_alloc, having queued nothing, when memory
+  // runs out.
   bool push(const std::shared_ptr<const LineTarget>& target, std::string_view line);
 
   // Queues a flush of `target`, after the lines queued for it, and lets it go: for a target that
