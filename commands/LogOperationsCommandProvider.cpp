@@ -1,6 +1,8 @@
 #include "commands/LogOperationsCommandProvider.h"
 
 #include <chrono>
+#include <iterator>
+#include <tuple>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -25,7 +27,8 @@ constexpr const char* kSetSpecificationForDescription =
     "Update the fl::log specification for SECONDS seconds, then restore the one in force before the "
     "window; re-issuing replaces the window, connector.log.setSpecification ends it.";
 constexpr const char* kGetStatisticsDescription =
-    "Get the fl::log record counts, destination and pending restore.";
+    "Get the fl::log record counts (in all, dropped, queued; rotations and reopens of its file; by "
+    "level), destination and pending restore.";
 
 constexpr const char* kSetSpecificationForUsage =
     "connector.log.setSpecificationFor needs SECONDS (1 to 86400) and a SPECIFICATION, e.g. 600 "
@@ -52,9 +55,16 @@ std::string setSpecificationFor(Arguments&& arguments) {
 
 std::string getStatistics(Arguments&&) {
   const foundation::log::statistics_snapshot snapshot = foundation::log::statistics();
+  static constexpr const char* kLevels[] = {"trace", "debug", "info", "warn", "error", "critical"};
+  static_assert(std::size(kLevels) == std::tuple_size<decltype(snapshot.records_by_level)>::value);
   std::string text =
       "records=" + std::to_string(snapshot.records) + " dropped=" + std::to_string(snapshot.dropped) +
-      " queued=" + std::to_string(snapshot.queued) + "\ndestination=" + snapshot.destination + '\n';
+      " queued=" + std::to_string(snapshot.queued) + " rotations=" + std::to_string(snapshot.rotations) +
+      " reopens=" + std::to_string(snapshot.reopens) + '\n';
+  for (std::size_t i = 0; i < std::size(kLevels); ++i) {
+    text += std::string(i == 0 ? "" : " ") + kLevels[i] + '=' + std::to_string(snapshot.records_by_level[i]);
+  }
+  text += "\ndestination=" + snapshot.destination + '\n';
   if (snapshot.pending_restore) {
     text += "restore=" + snapshot.pending_restore->specification +
             " in_s=" + std::to_string(snapshot.pending_restore->remaining.count()) + '\n';

@@ -8,10 +8,12 @@
 //                                                                     replaces the window and keeps what is
 //                                                                     restored; setSpecification ends the
 //                                                                     window; answers ""
-//   connector.log.getStatistics                         no argument   "records=N dropped=N queued=N", then
-//                                                                     "destination=TEXT" and, while a restore
-//                                                                     is pending, "restore=SPEC in_s=N", a
-//                                                                     line each
+//   connector.log.getStatistics                         no argument   "records=N dropped=N queued=N
+//                                                                     rotations=N reopens=N", then "trace=N
+//                                                                     debug=N info=N warn=N error=N
+//                                                                     critical=N", "destination=TEXT" and,
+//                                                                     while a restore is pending,
+//                                                                     "restore=SPEC in_s=N", a line each
 //
 // The constructor registers the commands in that order and the destructor withdraws them in the
 // same order, neither waiting for the registry. The provider holds only the registry; the

@@ -51,9 +51,12 @@ TEST_F(CommandProviders, EveryCommandIsWithdrawnAndItsHandlerOutlivesItsProvider
   flog::set_specification("warn");
   EXPECT_EQ(registry->run("connector.log.setSpecificationFor", {"600", "debug,x=trace"}), "");
   EXPECT_EQ(flog::specification(), "debug,x=trace");
-  EXPECT_THAT(registry->run("connector.log.getStatistics"),
-              MatchesRegex(
-                  "records=[0-9]+ dropped=[0-9]+ queued=0\ndestination=null\nrestore=warn in_s=(600|599)\n"));
+  EXPECT_THAT(
+      registry->run("connector.log.getStatistics"),
+      MatchesRegex(
+          "records=[0-9]+ dropped=[0-9]+ queued=0 rotations=[0-9]+ reopens=[0-9]+\ntrace=[0-9]+ debug=[0-9]+ "
+          "info=[0-9]+ warn=[0-9]+ error=[0-9]+ critical=[0-9]+\ndestination=null\nrestore=warn "
+          "in_s=(600|599)\n"));
 }
 
 // SECONDS must be a whole number in range; a refusal says so and changes nothing.
