@@ -2,9 +2,9 @@
 
 #include <chrono>
 #include <iterator>
-#include <tuple>
 #include <stdexcept>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
